@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "liblog/log.h"
+#include "libvurohelper/api.h"
+
+namespace brenholt::monitoring_modules::libvurohelper {
+
+namespace module {
+class service_container;
+}
+
+namespace logging {
+
+// Name of the environment variable with the directory of the log files. Unset or
+// empty: logs are discarded.
+inline constexpr const char* log_dir_variable = "VURO_LOG_DIR";
+
+// One log file; each line gets a time stamp and the severity name.
+class VURO_API file_log : public liblog::log_interface {
+public:
+    explicit file_log(std::string file_name);
+    ~file_log() override;
+    void write(liblog::severity level, const std::string& text) override;
+    // Where the lines go, empty when logging to files is off.
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// The log of one sensor: "sensor_<id>.log". The file appears with the first line.
+class VURO_API sensor_log : public file_log {
+public:
+    explicit sensor_log(int sensor_id);
+    ~sensor_log() override;
+};
+
+VURO_API std::string severity_name(liblog::severity level);
+
+}  // namespace logging
+
+namespace module {
+// The runtime log: "runtime.log".
+VURO_API void register_runtime_log(const std::shared_ptr<service_container>& services);
+// Factory of sensor logs, keyed by the sensor id.
+VURO_API void register_sensor_log(const std::shared_ptr<service_container>& services);
+}  // namespace module
+
+}  // namespace brenholt::monitoring_modules::libvurohelper
