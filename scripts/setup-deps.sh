@@ -37,28 +37,28 @@ Pin-Priority: 100
 PIN
 fi
 
-pkgs=(build-essential cmake pkg-config libssl-dev openssl libprotobuf-dev protobuf-compiler
-      nlohmann-json3-dev libgtest-dev libgmock-dev googletest libbenchmark-dev nodejs npm)
+pkgs=(build-essential cmake pkg-config python3 libssl-dev openssl libprotobuf-dev protobuf-compiler
+      nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev binutils)
+# node and npm may come from another source already; any working pair will do.
+if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+  pkgs+=(nodejs npm)
+fi
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 need_update=0
 for p in "${pkgs[@]}" libopen62541-1.4-dev; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need_update=1
+  installed "$p" || need_update=1
 done
-# nodejs may come from another source already; accept any working node+npm.
-if command -v node >/dev/null 2>&1 && command -v npm >/dev/null 2>&1; then
-  pkgs=("${pkgs[@]/nodejs}"); pkgs=("${pkgs[@]/npm}")
-fi
 
 if [ "$need_update" = 1 ]; then
   apt-get update -qq
   missing=()
   for p in "${pkgs[@]}"; do
-    [ -n "$p" ] || continue
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+    installed "$p" || missing+=("$p")
   done
   if [ "${#missing[@]}" -gt 0 ]; then
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
   fi
-  if ! dpkg-query -W -f='${Status}' libopen62541-1.4-dev 2>/dev/null | grep -q 'install ok installed'; then
+  if ! installed libopen62541-1.4-dev; then
     apt-get install -y -qq --no-install-recommends -t trixie libopen62541-1.4-dev
   fi
 fi

@@ -1,0 +1,23 @@
+# Fails unless `nm -D --defined-only` lists exactly the ten entry points and the
+# library's RUNPATH finds the framework library in the probe's layout.
+execute_process(COMMAND nm -D --defined-only ${MODULE} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${MODULE}")
+endif()
+string(REGEX MATCHALL "[^\n]+" lines "${out}")
+set(names "")
+foreach(line IN LISTS lines)
+  string(REGEX REPLACE "^.* " "" name "${line}")
+  list(APPEND names ${name})
+endforeach()
+list(SORT names)
+set(expected CleanupModule CreateSensorInstance DestroySensorInstance ExecuteCheck ExecuteMetaScan
+             ExecuteSensorScan GetApiLevel GetModuleInformation GetModuleInformationSync InitializeModule)
+if(NOT "${names}" STREQUAL "${expected}")
+  message(FATAL_ERROR "exported: ${names}\nexpected: ${expected}")
+endif()
+execute_process(COMMAND readelf -d ${MODULE} OUTPUT_VARIABLE dyn)
+if(NOT dyn MATCHES "RUNPATH\\)[^\n]*\\[\\$ORIGIN:\\$ORIGIN/\\.\\./\\.\\./shared\\]")
+  message(FATAL_ERROR "RUNPATH is not $ORIGIN:$ORIGIN/../../shared:\n${dyn}")
+endif()
+message(STATUS "exports and RUNPATH as expected")
