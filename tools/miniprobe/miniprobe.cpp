@@ -8,7 +8,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
+#include <map>
+#include <thread>
+
 #include "probe_host.h"
+#include "sensor_data_builder.h"
 #include "vuro.pb.h"
 
 namespace {
@@ -18,6 +23,20 @@ const char* const usage_text =
     "\n"
     "Commands:\n"
     "  info [--texts]      print the module's metadata, sensors and checks\n"
+    "  check NAME          run one check with the settings below\n"
+    "  sensor NAME         create a sensor, scan it, destroy it\n"
+    "\n"
+    "Settings of check and sensor (each setting starts at its default in the\n"
+    "module's definition; secrets travel as secure values):\n"
+    "  --host HOST         the device's address (default 127.0.0.1)\n"
+    "  --set KEY=VALUE     set a setting by its full key, e.g.\n"
+    "                      credentials.connection_opcua.port=4841 (repeatable)\n"
+    "  --log               logging \"enabled\" (default \"disabled\")\n"
+    "  --timeout S         the probe's timeout setting (default 10)\n"
+    "  --channels ID=NAME,...  channels the probe already knows\n"
+    "  --id N              sensor or check id (default 1)\n"
+    "  --scans N           scans of a sensor (default 1)\n"
+    "  --interval S        seconds between scans, also the interval setting (default 1)\n"
     "\n"
     "Options:\n"
     "  --module PATH       module to load (default: the build's modules/opcua/libOPCUA.so)\n"
@@ -52,14 +71,59 @@ public:
         if (json_) {
             nlohmann::ordered_json line{{"event", "message"}, {"type", m.type}, {"message", m.body}};
             std::cout << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+            return;
         }
+        const auto& b = m.body;
+        if (m.type == "DYNAMIC_CHANNEL") {
+            const int id = b.value("id", 0);
+            names_[id] = b.value("display_name", "");
+            if (names_[id].empty()) names_[id] = b.value("name", "");
+            std::cout << "channel #" << id << " defined: " << names_[id];
+            if (!b.value("custom_unit", "").empty()) std::cout << " [" << b.value("custom_unit", "") << "]";
+            if (!b.value("lookup", "").empty()) std::cout << " (lookup " << b.value("lookup", "") << ")";
+            std::cout << std::endl;
+        } else if (m.type == "SENSOR_SCAN_RESULT") {
+            const auto& msg = b.at("message");
+            std::cout << "scan result of sensor " << b.value("sensor_id", 0) << ": response code "
+                      << b.value("response_code", 0) << ", error code " << b.value("error_code", 0) << ", message \""
+                      << msg.value("text", "") << "\"" << std::endl;
+            for (const auto& c : b.value("channels", nlohmann::ordered_json::array())) {
+                const int id = c.value("channel_id", 0);
+                std::cout << "  #" << id;
+                if (names_.count(id)) std::cout << " " << names_[id];
+                std::cout << " = " << (c.contains("floating") ? c.at("floating").dump() : c.value("integer", std::string("?")))
+                          << std::endl;
+            }
+        } else if (m.type == "CHECK_RESULT") {
+            std::cout << "check " << b.value("check_id", 0) << ": " << (b.value("success", false) ? "success" : "failed")
+                      << std::endl;
+        } else if (m.type != "MODULE_INFORMATION") {
+            std::cout << m.type << ": " << b.dump() << std::endl;
+        }
+    }
+
+    void known_channels(const std::map<int, std::string>& known) {
+        for (const auto& [id, name] : known) names_[id] = name;
     }
 
     bool json() const { return json_; }
 
 private:
     bool json_;
+    std::map<int, std::string> names_;
 };
+
+const char* dispatcher_code_text(int code) {
+    switch (code) {
+        case 0: return "done";
+        case 1: return "the sensor data names no sensor or check";
+        case 2: return "the call failed with an exception (see the runtime log)";
+        case 3: return "the module is not initialised";
+        case 4: return "the module binds nothing under this name";
+        case 5: return "no sensor with this id";
+        default: return "unknown code";
+    }
+}
 
 void print_information(const nlohmann::ordered_json& definition, bool texts) {
     const auto& meta = definition.at("MetaData");
@@ -109,6 +173,96 @@ int run_info(miniprobe::probe_host& host, printer& out, const options& opt) {
     return failures == 0 ? 0 : 1;
 }
 
+struct run_settings {
+    miniprobe::build_request request;
+    int id = 1;
+    int scans = 1;
+    double interval = 1.0;
+};
+
+run_settings parse_run_settings(const options& opt, bool is_check) {
+    run_settings rs;
+    if (opt.args.empty() || opt.args[0].rfind("--", 0) == 0)
+        throw std::invalid_argument(opt.command + ": which " + (is_check ? "check" : "sensor") + "?");
+    rs.request.name = opt.args[0];
+    rs.request.is_check = is_check;
+    rs.request.base.interval = 1;
+    for (std::size_t i = 1; i < opt.args.size(); ++i) {
+        const std::string& a = opt.args[i];
+        auto value = [&]() -> const std::string& {
+            if (i + 1 >= opt.args.size()) throw std::invalid_argument(a + " needs a value");
+            return opt.args[++i];
+        };
+        auto number = [&](const std::string& text) {
+            std::size_t used = 0;
+            double v = 0;
+            try {
+                v = std::stod(text, &used);
+            } catch (const std::exception&) {
+                used = 0;
+            }
+            if (used != text.size() || v < 0) throw std::invalid_argument(a + ": not a number: " + text);
+            return v;
+        };
+        if (a == "--host") rs.request.base.host = value();
+        else if (a == "--set") rs.request.overrides.push_back(miniprobe::split_assignment(value()));
+        else if (a == "--log") rs.request.base.logging = true;
+        else if (a == "--timeout") rs.request.base.timeout = static_cast<long>(number(value()));
+        else if (a == "--channels") rs.request.known_channels = miniprobe::parse_channels(value());
+        else if (a == "--id") rs.id = static_cast<int>(number(value()));
+        else if (a == "--scans") rs.scans = static_cast<int>(number(value()));
+        else if (a == "--interval") {
+            rs.interval = number(value());
+            rs.request.base.interval = std::max(1L, static_cast<long>(rs.interval));
+        } else throw std::invalid_argument(opt.command + ": unknown argument " + a);
+    }
+    return rs;
+}
+
+nlohmann::ordered_json read_definition(miniprobe::probe_host& host, printer& out) {
+    int result = 0;
+    const auto bytes = host.get_module_information_sync(false, result);
+    out.call("GetModuleInformationSync", result);
+    if (result != 0) throw std::runtime_error("GetModuleInformationSync failed with " + std::to_string(result));
+    const auto info = miniprobe::decode_message(bytes.data(), bytes.size());
+    return nlohmann::ordered_json::parse(info.body.at("definition").get<std::string>());
+}
+
+int report(printer& out, const char* function, int code) {
+    out.call(function, code);
+    if (code != 0 && !out.json())
+        std::cerr << "miniprobe: " << function << " returned " << code << ": " << dispatcher_code_text(code) << "\n";
+    return code;
+}
+
+int run_check_or_sensor(miniprobe::probe_host& host, printer& out, const options& opt, bool is_check) {
+    run_settings rs = parse_run_settings(opt, is_check);
+    host.on_message = [&out](const miniprobe::received_message& m) { out.message(m); };
+    if (report(out, "InitializeModule", host.initialize()) != 0) return 1;
+    int failures = 0;
+    try {
+        const auto definition = read_definition(host, out);
+        const auto data = miniprobe::build_sensor_data(definition, rs.request);
+        out.known_channels(rs.request.known_channels);
+        if (is_check) {
+            failures += report(out, "ExecuteCheck", host.check(rs.id, data)) != 0;
+        } else if (report(out, "CreateSensorInstance", host.create_sensor(rs.id, data)) != 0) {
+            ++failures;
+        } else {
+            for (int scan = 0; scan < rs.scans; ++scan) {
+                if (scan != 0) std::this_thread::sleep_for(std::chrono::duration<double>(rs.interval));
+                failures += report(out, "ExecuteSensorScan", host.scan(rs.id)) != 0;
+            }
+            failures += report(out, "DestroySensorInstance", host.destroy(rs.id)) != 0;
+        }
+    } catch (...) {
+        out.call("CleanupModule", host.cleanup());
+        throw;
+    }
+    out.call("CleanupModule", host.cleanup());
+    return failures == 0 ? 0 : 1;
+}
+
 options parse(int argc, char** argv) {
     options opt;
     int i = 1;
@@ -130,7 +284,18 @@ options parse(int argc, char** argv) {
     }
     if (i >= argc) throw std::invalid_argument("no command given");
     opt.command = argv[i++];
-    for (; i < argc; ++i) opt.args.emplace_back(argv[i]);
+    // Global options may also follow the command.
+    for (; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--json") {
+            opt.json = true;
+        } else if (a == "--module" || a == "--log-dir") {
+            if (i + 1 >= argc) throw std::invalid_argument(a + " needs a value");
+            (a == "--module" ? opt.module_path : opt.log_dir) = argv[++i];
+        } else {
+            opt.args.emplace_back(a);
+        }
+    }
     if (opt.module_path.empty()) opt.module_path = miniprobe::default_module_path();
     return opt;
 }
@@ -151,6 +316,8 @@ int main(int argc, char** argv) {
         miniprobe::probe_host host(opt.module_path);
         printer out(opt.json);
         if (opt.command == "info") return run_info(host, out, opt);
+        if (opt.command == "check") return run_check_or_sensor(host, out, opt, true);
+        if (opt.command == "sensor") return run_check_or_sensor(host, out, opt, false);
         std::cerr << "miniprobe: unknown command " << opt.command << "\n\n" << usage_text;
         return 2;
     } catch (const std::invalid_argument& e) {
