@@ -1,0 +1,531 @@
+#include "client/client_open62541.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include <open62541/client_config_default.h>
+#include <open62541/plugin/create_certificate.h>
+#include <open62541/plugin/log.h>
+#include <open62541/plugin/pki_default.h>
+
+#include "client/exceptions.h"
+#include "libcertificatehelper/source/exceptions.h"
+
+namespace brenholt::monitoring_modules::opcua {
+
+namespace {
+
+const char* const policy_uri_none = "http://opcfoundation.org/UA/SecurityPolicy#None";
+const char* const policy_uri_basic256sha256 = "http://opcfoundation.org/UA/SecurityPolicy#Basic256Sha256";
+const char* const binary_transport_profile = "http://opcfoundation.org/UA-Profile/Transport/uatcp-uasc-uabinary";
+
+// The ApplicationUri of a client that has no certificate of its own to take it from.
+const char* const default_application_uri = "brenholt_opcua_sensor";
+
+// Indexed by MessageSecurityMode - 1; at() refuses anything outside the standard's range.
+const std::vector<std::string>& security_mode_names() {
+    static const std::vector<std::string> names{"None", "Sign", "SignAndEncrypt"};
+    return names;
+}
+
+// Indexed by UserTokenType.
+const std::vector<std::string>& token_type_names() {
+    static const std::vector<std::string> names{"Anonymous", "UserName", "Certificate", "IssuedToken"};
+    return names;
+}
+
+std::string to_std(const UA_String& text) {
+    if (text.length == 0 || text.data == nullptr) return {};
+    return std::string(reinterpret_cast<const char*>(text.data), text.length);
+}
+
+// A view of a std::string for comparison; never to be cleared by the library.
+UA_String view_of(const std::string& text) {
+    UA_String out;
+    out.length = text.size();
+    out.data = reinterpret_cast<UA_Byte*>(const_cast<char*>(text.data()));
+    return out;
+}
+
+bool same_string(const UA_String& a, const UA_String& b) {
+    return UA_order(&a, &b, &UA_TYPES[UA_TYPES_STRING]) == UA_ORDER_EQ;
+}
+
+bool has_policy(const endpoint_criteria& criteria, const UA_String& uri) {
+    return std::any_of(criteria.available_policy_uris.begin(), criteria.available_policy_uris.end(),
+                       [&](const std::string& own) { return same_string(view_of(own), uri); });
+}
+
+bool token_fits_identity(UA_UserTokenType type, const UA_DataType* identity) {
+    switch (type) {
+        case UA_USERTOKENTYPE_ANONYMOUS:
+            return identity == nullptr || identity == &UA_TYPES[UA_TYPES_ANONYMOUSIDENTITYTOKEN];
+        case UA_USERTOKENTYPE_USERNAME:
+            return identity == &UA_TYPES[UA_TYPES_USERNAMEIDENTITYTOKEN];
+        case UA_USERTOKENTYPE_CERTIFICATE:
+            return identity == &UA_TYPES[UA_TYPES_X509IDENTITYTOKEN];
+        case UA_USERTOKENTYPE_ISSUEDTOKEN:
+            return identity == &UA_TYPES[UA_TYPES_ISSUEDIDENTITYTOKEN];
+        default:
+            return false;
+    }
+}
+
+// Channel open, session activated and no failure recorded: anything else needs a new session.
+bool session_active(UA_Client* client) {
+    auto channel = static_cast<UA_SecureChannelState>(0);
+    auto session = static_cast<UA_SessionState>(0);
+    UA_StatusCode status = 0;
+    UA_Client_getState(client, &channel, &session, &status);
+    return channel == UA_SECURECHANNELSTATE_OPEN && session == UA_SESSIONSTATE_ACTIVATED &&
+           status == UA_STATUSCODE_GOOD;
+}
+
+// The stack's own lines all go to the client's log at debug, whatever their level: they
+// are trace for whoever reads the sensor log, not findings of the sensor.
+void forward_stack_line(void* context, UA_LogLevel, UA_LogCategory, const char* format, va_list args) {
+    if (context == nullptr) return;
+    va_list measure;
+    va_copy(measure, args);
+    const int length = std::vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    if (length < 0) return;
+    // One more for the terminating zero, which stays part of the line.
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), format, args);
+    static_cast<liblog::log_interface*>(context)->write(liblog::debug, "OPC UA Client: " + text);
+}
+
+// Zeroes a buffer that held secret material before it is released.
+template <typename Container>
+void wipe(Container& buffer) {
+    std::fill(buffer.begin(), buffer.end(), typename Container::value_type{});
+}
+
+}  // namespace
+
+client_open62541::endpoint_array::~endpoint_array() {
+    if (data != nullptr) UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
+}
+
+client_open62541::client_open62541(const client_settings& settings,
+                                   std::weak_ptr<libvurohelper::module::service_container> services)
+    : certificates_(libcertificatehelper::make_openssl_allocator()),
+      settings_(settings),
+      services_(std::move(services)),
+      endpoint_url_(build_url(settings_)),
+      logger_(std::make_shared<liblog::multiplex_logger>()) {}
+
+client_open62541::~client_open62541() {
+    if (ua_client_ != nullptr) UA_Client_delete(ua_client_);
+    ua_client_ = nullptr;
+}
+
+std::string client_open62541::build_url(const client_settings& settings) {
+    return "opc.tcp://" + settings.host + ":" + std::to_string(settings.port) + "/" + settings.server_path;
+}
+
+const client_settings& client_open62541::get_settings() const { return settings_; }
+
+// Deliberately without the lock: a check calls it right after connect on the same thread.
+bool client_open62541::is_connected() const {
+    if (ua_client_ == nullptr) return false;
+    return session_active(ua_client_);
+}
+
+void client_open62541::connect() {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (ua_client_ != nullptr && session_active(ua_client_)) return;
+    open_session();
+}
+
+void client_open62541::open_session() {
+    make_client();
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+    config->noSession = false;
+    UA_clear(&config->endpointUrl, &UA_TYPES[UA_TYPES_STRING]);
+    config->endpointUrl = UA_String_fromChars(endpoint_url_.c_str());
+    const UA_StatusCode status = __UA_Client_connect(ua_client_, false);
+    // The unconnected client stays, so the next connect starts over with a new one.
+    if (status != UA_STATUSCODE_GOOD) throw exceptions::opcua_connection_failed(UA_StatusCode_name(status));
+}
+
+void client_open62541::make_client() {
+    UA_Client* fresh = UA_Client_new();
+    if (fresh == nullptr) throw std::bad_alloc();
+    // The new one is in place before the old one goes, so ua_client_ never dangles.
+    UA_Client* old = std::exchange(ua_client_, fresh);
+    if (old != nullptr) UA_Client_delete(old);
+
+    configure_logging();
+    configure_security();
+    if (static_cast<int>(settings_.security_mode) == 0)
+        configure_generated_certificate();
+    else
+        configure_client_certificate();
+    configure_user_identity();
+    configure_application();
+    UA_Client_getConfig(ua_client_)->timeout =
+        static_cast<UA_UInt32>(static_cast<std::uint32_t>(settings_.timeout) * 1000u);
+    log_security_policies();
+}
+
+void client_open62541::configure_logging() {
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+    // The logger structure is shared with the event loop, so it is changed in place.
+    if (config->logging != nullptr) {
+        UA_Logger* stack_log = config->logging;
+        stack_log->log = forward_stack_line;
+        stack_log->context = static_cast<liblog::log_interface*>(logger_.get());
+    }
+    auto services = services_.lock();
+    if (!services) return;
+    auto runtime_log = services->get_instance<liblog::log_interface>();
+    if (runtime_log) logger_->add(runtime_log, liblog::debug);
+}
+
+void client_open62541::configure_security() {
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+    const int mode = static_cast<int>(settings_.security_mode);
+    const int policy = static_cast<int>(settings_.security_policy);
+
+    // A signing mode with policy none is passed on as it is: no server offers it, and the
+    // endpoint selection says so in its own words.
+    UA_MessageSecurityMode library_mode = UA_MESSAGESECURITYMODE_NONE;
+    const char* policy_uri = policy_uri_none;
+    if (mode == 1 || mode == 2) {
+        library_mode = mode == 1 ? UA_MESSAGESECURITYMODE_SIGN : UA_MESSAGESECURITYMODE_SIGNANDENCRYPT;
+        if (policy == 1) policy_uri = policy_uri_basic256sha256;
+    }
+    config->securityMode = library_mode;
+    UA_clear(&config->securityPolicyUri, &UA_TYPES[UA_TYPES_STRING]);
+    config->securityPolicyUri = UA_String_fromChars(policy_uri);
+}
+
+void client_open62541::configure_generated_certificate() {
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+
+    UA_KeyValueMap* parameters = UA_KeyValueMap_new();
+    UA_ByteString private_key = UA_BYTESTRING_NULL;
+    UA_ByteString certificate = UA_BYTESTRING_NULL;
+    // Releases what the library allocated, on every way out.
+    struct cleanup {
+        UA_KeyValueMap*& parameters;
+        UA_ByteString& private_key;
+        UA_ByteString& certificate;
+        ~cleanup() {
+            UA_clear(&private_key, &UA_TYPES[UA_TYPES_BYTESTRING]);
+            UA_clear(&certificate, &UA_TYPES[UA_TYPES_BYTESTRING]);
+            UA_KeyValueMap_delete(parameters);
+        }
+    } guard{parameters, private_key, certificate};
+    if (parameters == nullptr) throw std::bad_alloc();
+
+    UA_UInt16 key_bits = 4096;
+    UA_QualifiedName key_bits_name;
+    key_bits_name.namespaceIndex = 0;
+    key_bits_name.name = UA_STRING(const_cast<char*>("key-size-bits"));
+    UA_KeyValueMap_setScalar(parameters, key_bits_name, &key_bits, &UA_TYPES[UA_TYPES_UINT16]);
+
+    UA_String subject[3] = {UA_STRING(const_cast<char*>("C=DE")), UA_STRING(const_cast<char*>("O=BrenholtGmbH")),
+                            UA_STRING(const_cast<char*>("CN=OpcUaSensor"))};
+    UA_String alternative_names[1] = {UA_STRING(const_cast<char*>("URI:urn:kolv.opcua.sensor"))};
+
+    UA_StatusCode status = UA_CreateCertificate(config->logging, subject, 3, alternative_names, 1,
+                                                UA_CERTIFICATEFORMAT_PEM, parameters, &private_key, &certificate);
+    if (status != UA_STATUSCODE_GOOD) {
+        logger_->write(liblog::error, "failed to create certificate");
+        throw exceptions::opcua_request_failed(UA_StatusCode_name(status));
+    }
+
+    status = UA_ClientConfig_setDefaultEncryption(config, certificate, private_key, nullptr, 0, nullptr, 0);
+    if (status != UA_STATUSCODE_GOOD) {
+        logger_->write(liblog::error, "failed to set default encryption");
+        throw exceptions::opcua_request_failed(UA_StatusCode_name(status));
+    }
+
+    // The URI comes from configure_application; the server's certificate is never judged.
+    UA_clear(&config->clientDescription.applicationUri, &UA_TYPES[UA_TYPES_STRING]);
+    if (config->certificateVerification.clear != nullptr)
+        config->certificateVerification.clear(&config->certificateVerification);
+    UA_CertificateVerification_AcceptAll(&config->certificateVerification);
+}
+
+void client_open62541::configure_client_certificate() {
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+
+    auto certificate = certificates_->make_certificate_from_pem(settings_.client_certificate);
+    // Checked before the key is touched: without it the server cannot encrypt for us.
+    if (!certificate->supports_data_encipherment())
+        throw libcertificatehelper::exceptions::data_encipherment_not_supported();
+    std::vector<std::uint8_t> certificate_der = certificate->to_der();
+
+    std::string key_password = settings_.client_key_password.str();
+    std::vector<std::uint8_t> key_der;
+    try {
+        auto key = certificates_->make_private_key(settings_.client_key, key_password);
+        key_der = key->to_der();
+    } catch (...) {
+        wipe(key_password);
+        throw;
+    }
+    wipe(key_password);
+
+    UA_ByteString certificate_bytes;
+    certificate_bytes.length = certificate_der.size();
+    certificate_bytes.data = certificate_der.data();
+    UA_ByteString key_bytes;
+    key_bytes.length = key_der.size();
+    key_bytes.data = key_der.data();
+
+    const UA_StatusCode status =
+        UA_ClientConfig_setDefaultEncryption(config, certificate_bytes, key_bytes, nullptr, 0, nullptr, 0);
+    wipe(key_der);
+    if (status != UA_STATUSCODE_GOOD) {
+        logger_->write(liblog::error, "failed to set default encryption");
+        throw exceptions::opcua_request_failed(UA_StatusCode_name(status));
+    }
+    UA_CertificateVerification_AcceptAll(&config->certificateVerification);
+}
+
+void client_open62541::configure_user_identity() {
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+    const int mode = static_cast<int>(settings_.user_auth_mode);
+    if (mode == 1) {
+        auto* token = static_cast<UA_UserNameIdentityToken*>(UA_new(&UA_TYPES[UA_TYPES_USERNAMEIDENTITYTOKEN]));
+        if (token == nullptr) throw std::bad_alloc();
+        token->userName = UA_String_fromChars(settings_.user.c_str());
+        std::string password = settings_.password.str();
+        token->password = UA_String_fromChars(password.c_str());
+        wipe(password);
+        // The configuration owns the token from here on.
+        UA_clear(&config->userIdentityToken, &UA_TYPES[UA_TYPES_EXTENSIONOBJECT]);
+        config->userIdentityToken.encoding = UA_EXTENSIONOBJECT_DECODED;
+        config->userIdentityToken.content.decoded.type = &UA_TYPES[UA_TYPES_USERNAMEIDENTITYTOKEN];
+        config->userIdentityToken.content.decoded.data = token;
+    } else if (mode == 0) {
+        // An empty identity token means an anonymous session; the result changes nothing here.
+        (void)UA_ClientConfig_setDefault(config);
+    }
+}
+
+void client_open62541::configure_application() {
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+    UA_ApplicationDescription& description = config->clientDescription;
+    description.applicationType = UA_APPLICATIONTYPE_CLIENT;
+    UA_clear(&description.applicationName, &UA_TYPES[UA_TYPES_LOCALIZEDTEXT]);
+    description.applicationName.locale = UA_String_fromChars("en");
+    description.applicationName.text = UA_String_fromChars(settings_.application_name.c_str());
+
+    const std::string uri = determine_application_uri();
+    logger_->write(liblog::info, "Using ApplicationUri: " + uri);
+    UA_clear(&description.applicationUri, &UA_TYPES[UA_TYPES_STRING]);
+    description.applicationUri = UA_String_fromChars(uri.c_str());
+}
+
+std::string client_open62541::determine_application_uri() const {
+    if (settings_.client_certificate.empty()) return default_application_uri;
+    auto certificate = certificates_->make_certificate_from_pem(settings_.client_certificate);
+    const std::vector<std::string> uris = certificate->get_application_uris();
+    if (uris.empty()) throw libcertificatehelper::exceptions::missing_application_uri();
+    if (uris.size() > 1) {
+        std::string joined;
+        for (std::size_t i = 0; i < uris.size(); ++i) joined += (i == 0 ? "" : ", ") + uris[i];
+        logger_->write(liblog::warning,
+                       "Client certificate defines more than URI in subject alternative names. This might lead to "
+                       "problems. Defined URIs are: " +
+                           joined);
+    }
+    logger_->write(liblog::debug, "Available Subject Alternative Names: " + uris.front());
+    return uris.front();
+}
+
+void client_open62541::log_security_policies() {
+    const UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+    std::string line = "Client has " + std::to_string(config->securityPoliciesSize) + " security policies available: ";
+    for (std::size_t i = 0; i < config->securityPoliciesSize; ++i)
+        line += to_std(config->securityPolicies[i].policyUri) + ", ";
+    logger_->write(liblog::info, line);
+}
+
+void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
+    // Discovery always runs on a new client, which ends any session of the old one.
+    make_client();
+
+    // open62541 1.4 matches mode, policy and identity itself while it opens the channel for
+    // GetEndpoints, and fails the whole request when nothing fits. Our own selection is the
+    // one that has to judge the list, with its own lines, so the request goes out without
+    // those three; they are put back before anyone reads the configuration.
+    UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
+    const UA_MessageSecurityMode wanted_mode = config->securityMode;
+    const UA_String wanted_policy = config->securityPolicyUri;
+    const UA_ExtensionObject wanted_identity = config->userIdentityToken;
+    config->securityMode = UA_MESSAGESECURITYMODE_INVALID;
+    UA_String_init(&config->securityPolicyUri);
+    UA_ExtensionObject_init(&config->userIdentityToken);
+
+    std::size_t size = 0;
+    UA_EndpointDescription* data = nullptr;
+    const UA_StatusCode status = UA_Client_getEndpoints(ua_client_, endpoint_url_.c_str(), &size, &data);
+
+    UA_clear(&config->securityPolicyUri, &UA_TYPES[UA_TYPES_STRING]);
+    UA_clear(&config->userIdentityToken, &UA_TYPES[UA_TYPES_EXTENSIONOBJECT]);
+    config->securityMode = wanted_mode;
+    config->securityPolicyUri = wanted_policy;
+    config->userIdentityToken = wanted_identity;
+
+    if (status != UA_STATUSCODE_GOOD) {
+        UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
+        throw exceptions::opcua_discovery_failed(std::to_string(status));
+    }
+    endpoints.data = data;
+    endpoints.size = size;
+}
+
+endpoint_criteria client_open62541::criteria_of(const UA_ClientConfig& config) {
+    endpoint_criteria criteria;
+    criteria.security_mode = static_cast<int>(config.securityMode);
+    criteria.security_policy_uri = to_std(config.securityPolicyUri);
+    for (std::size_t i = 0; i < config.securityPoliciesSize; ++i)
+        criteria.available_policy_uris.push_back(to_std(config.securityPolicies[i].policyUri));
+    if (config.userIdentityToken.encoding >= UA_EXTENSIONOBJECT_DECODED)
+        criteria.identity_type = config.userIdentityToken.content.decoded.type;
+    return criteria;
+}
+
+UA_EndpointDescription client_open62541::select_endpoint(const endpoint_array& endpoints) {
+    return select_endpoint(endpoints.data, endpoints.size, criteria_of(*UA_Client_getConfig(ua_client_)), *logger_);
+}
+
+UA_EndpointDescription client_open62541::select_endpoint(const UA_EndpointDescription* endpoints, std::size_t count,
+                                                         const endpoint_criteria& criteria,
+                                                         liblog::log_interface& log) {
+    const UA_String binary_profile = UA_STRING(const_cast<char*>(binary_transport_profile));
+    for (std::size_t e = 0; e < count; ++e) {
+        const UA_EndpointDescription& endpoint = endpoints[e];
+        if (endpoint.transportProfileUri.length != 0 && !same_string(endpoint.transportProfileUri, binary_profile))
+            continue;
+
+        const std::string endpoint_text =
+            "Endpoint " + to_std(endpoint.endpointUrl) + " with SecurityMode " +
+            security_mode_names().at(static_cast<std::size_t>(endpoint.securityMode) - 1) + " and SecurityPolicy " +
+            to_std(endpoint.securityPolicyUri);
+        auto reject = [&](const char* reason) { log.write(liblog::debug, "Rejecting " + endpoint_text + reason); };
+
+        const int endpoint_mode = static_cast<int>(endpoint.securityMode);
+        if (endpoint_mode < 1 || endpoint_mode > 3) {
+            reject(": invalid security mode");
+            continue;
+        }
+        if (criteria.security_mode >= 1 && criteria.security_mode != endpoint_mode) {
+            reject(": security mode doesn't match");
+            continue;
+        }
+        if (!criteria.security_policy_uri.empty() &&
+            !same_string(view_of(criteria.security_policy_uri), endpoint.securityPolicyUri)) {
+            reject(": security policy doesn't match");
+            continue;
+        }
+        if (!has_policy(criteria, endpoint.securityPolicyUri)) {
+            reject(": security policy not available");
+            continue;
+        }
+
+        for (std::size_t t = 0; t < endpoint.userIdentityTokensSize; ++t) {
+            const UA_UserTokenPolicy& token = endpoint.userIdentityTokens[t];
+            const std::string token_text = "identity token with UserTokenType " +
+                                           token_type_names().at(static_cast<std::size_t>(token.tokenType)) +
+                                           (token.securityPolicyUri.length == 0 ? " and SecurityPolicy " : "");
+            auto reject_token = [&](const char* reason) {
+                log.write(liblog::debug, "Rejecting " + token_text + " in " + endpoint_text + reason);
+            };
+
+            // A token without a policy of its own uses the endpoint's, which passed above.
+            if (token.tokenType != UA_USERTOKENTYPE_ANONYMOUS && token.securityPolicyUri.length != 0 &&
+                !has_policy(criteria, token.securityPolicyUri)) {
+                reject_token(": security policy not available");
+                continue;
+            }
+            if (static_cast<int>(token.tokenType) >= 4) {
+                reject_token(": invalid token type");
+                continue;
+            }
+            if (!token_fits_identity(token.tokenType, criteria.identity_type)) {
+                reject_token(": configuration doesn't match");
+                continue;
+            }
+            log.write(liblog::info, "Selected " + endpoint_text);
+            log.write(liblog::info, "Selected " + token_text);
+            return endpoint;
+        }
+    }
+    log.write(liblog::error, "No matching endpoint found");
+    throw exceptions::opcua_matching_endpoint_failed();
+}
+
+bool client_open62541::validate_endpoint() {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    endpoint_array endpoints;
+    try {
+        fetch_endpoints(endpoints);
+        select_endpoint(endpoints);
+    } catch (const exceptions::opcua_discovery_failed&) {
+        // An unreachable server is a plain "no"; a server without a fitting endpoint is not.
+        return false;
+    }
+    return true;
+}
+
+server_certificate_info client_open62541::get_server_certificate_info() {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    logger_->write(liblog::debug, "Fetching endpoints from server.");
+    endpoint_array endpoints;
+    fetch_endpoints(endpoints);
+    logger_->write(liblog::debug, "Server has " + std::to_string(endpoints.size) + " endpoints.");
+    const UA_EndpointDescription endpoint = select_endpoint(endpoints);
+    if (endpoint.serverCertificate.length == 0 || endpoint.serverCertificate.data == nullptr)
+        throw exceptions::opcua_missing_certificate();
+
+    const std::vector<std::uint8_t> der(endpoint.serverCertificate.data,
+                                        endpoint.serverCertificate.data + endpoint.serverCertificate.length);
+    auto certificate = certificates_->make_certificate_from_der(der);
+    const auto now = std::chrono::system_clock::now();
+    server_certificate_info info;
+    info.days_until_expiry = certificate->get_days_until_expiry(now);
+    info.key_bits = certificate->get_public_key_bits();
+    info.self_signed = certificate->is_self_signed();
+    info.common_name = certificate->get_common_name();
+    info.thumbprint = certificate->get_thumbprint();
+    return info;
+}
+
+// Reading and writing arrive together with the node classes.
+void client_open62541::write_node_value(const std::shared_ptr<writeable_variable_node_interface>&) {
+    throw std::logic_error("write_node_value: not available yet");
+}
+
+void client_open62541::read_node(const std::shared_ptr<generic_node_interface>&) {
+    throw std::logic_error("read_node: not available yet");
+}
+
+void client_open62541::read_node(const std::vector<std::shared_ptr<generic_node_interface>>&) {
+    throw std::logic_error("read_node: not available yet");
+}
+
+void client_open62541::add_logger(const std::shared_ptr<liblog::log_interface>& log, liblog::severity limit) {
+    if (!log) return;
+    logger_->add(log, limit);
+}
+
+void client_open62541::remove_logger(const std::shared_ptr<liblog::log_interface>& log) {
+    if (!log) return;
+    logger_->remove(log);
+}
+
+}  // namespace brenholt::monitoring_modules::opcua

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <open62541/client.h>
+#include <open62541/types.h>
+
+#include "client/client_interface.h"
+#include "client/client_settings.h"
+#include "client/server_certificate_info.h"
+#include "libcertificatehelper/source/allocator.h"
+#include "liblog/log.h"
+#include "module/framework/service_container.h"
+
+namespace brenholt::monitoring_modules::opcua {
+
+// What endpoint selection reads of a client's configuration. Kept apart from the
+// library's configuration so that the selection rules can be exercised on their own.
+struct endpoint_criteria {
+    // MessageSecurityMode the client asks for; 0 (invalid) accepts any.
+    int security_mode = 0;
+    // Empty accepts any policy.
+    std::string security_policy_uri;
+    // URIs of the security policies the client can speak.
+    std::vector<std::string> available_policy_uris;
+    // Type of the configured identity token; null when none is configured (anonymous).
+    const UA_DataType* identity_type = nullptr;
+};
+
+// A client_interface on one UA_Client of open62541. A session that is found gone is
+// never repaired: the whole UA_Client is replaced by a new one built from the settings.
+class client_open62541 final : public client_interface {
+public:
+    client_open62541(const client_settings& settings,
+                     std::weak_ptr<libvurohelper::module::service_container> services);
+    ~client_open62541() override;
+
+    client_open62541(const client_open62541&) = delete;
+    client_open62541& operator=(const client_open62541&) = delete;
+
+    const client_settings& get_settings() const override;
+    bool is_connected() const override;
+    bool validate_endpoint() override;
+    void connect() override;
+    server_certificate_info get_server_certificate_info() override;
+    void write_node_value(const std::shared_ptr<writeable_variable_node_interface>& node) override;
+    void read_node(const std::shared_ptr<generic_node_interface>& node) override;
+    void read_node(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) override;
+    void add_logger(const std::shared_ptr<liblog::log_interface>& log, liblog::severity limit) override;
+    void remove_logger(const std::shared_ptr<liblog::log_interface>& log) override;
+
+    // "opc.tcp://" host ":" port "/" path; the "/" stays even with an empty path.
+    static std::string build_url(const client_settings& settings);
+
+    // The selection's view of a library configuration.
+    static endpoint_criteria criteria_of(const UA_ClientConfig& config);
+
+    // The first endpoint, in the server's order, with a user token that fits the
+    // criteria. Returns a shallow copy that points into `endpoints`. Raises
+    // opcua_matching_endpoint_failed, or std::out_of_range for a security mode or
+    // token type outside the standard's range.
+    static UA_EndpointDescription select_endpoint(const UA_EndpointDescription* endpoints, std::size_t count,
+                                                  const endpoint_criteria& criteria, liblog::log_interface& log);
+
+private:
+    // An endpoint array as the library hands it out, released on every way out.
+    struct endpoint_array {
+        UA_EndpointDescription* data = nullptr;
+        std::size_t size = 0;
+        endpoint_array() = default;
+        endpoint_array(const endpoint_array&) = delete;
+        endpoint_array& operator=(const endpoint_array&) = delete;
+        ~endpoint_array();
+    };
+
+    void open_session();
+    void make_client();
+    void configure_logging();
+    void configure_security();
+    void configure_generated_certificate();
+    void configure_client_certificate();
+    void configure_user_identity();
+    void configure_application();
+    std::string determine_application_uri() const;
+    void log_security_policies();
+    void fetch_endpoints(endpoint_array& endpoints);
+    UA_EndpointDescription select_endpoint(const endpoint_array& endpoints);
+
+    std::recursive_mutex mutex_;
+    std::shared_ptr<const libcertificatehelper::allocator> certificates_;
+    client_settings settings_;
+    std::weak_ptr<libvurohelper::module::service_container> services_;
+    std::string endpoint_url_;
+    std::shared_ptr<liblog::multiplex_logger> logger_;
+    UA_Client* ua_client_ = nullptr;
+};
+
+}  // namespace brenholt::monitoring_modules::opcua
