@@ -1,12 +1,32 @@
 #include "module/module_opcua.h"
 
+#include <functional>
+#include <memory>
+
+#include "client/client_interface.h"
+#include "client/client_open62541.h"
+#include "client/client_settings.h"
 #include "module/framework/bindings.h"
 #include "module/module_definition.h"
+#include "sensors/connection_check.h"
+#include "sensors/endpoint_validation_check.h"
 
 namespace brenholt::monitoring_modules::opcua {
 
+using libvurohelper::module::service_container;
+
 VuroModuleOPCUA::VuroModuleOPCUA(unsigned long handle, libvurohelper::module::message_callback callback)
-    : module_instance(handle, callback) {}
+    : module_instance(handle, callback) {
+    // The client holds its services weakly: a client must never keep the module alive.
+    std::weak_ptr<service_container> weak_services = services;
+    services->add_factory(std::function<std::unique_ptr<client_interface>(client_settings)>(
+        [weak_services](client_settings settings) -> std::unique_ptr<client_interface> {
+            return std::make_unique<client_open62541>(settings, weak_services);
+        }));
+
+    dispatcher->register_check_as<connection_check>("connection_check");
+    dispatcher->register_check_as<endpoint_validation_check>("endpoint_validation_check");
+}
 
 std::string VuroModuleOPCUA::module_definition() { return definition_text(); }
 

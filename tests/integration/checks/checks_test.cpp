@@ -1,0 +1,186 @@
+// Both checks end to end: the probe's ExecuteCheck on the built module against
+// opcua-sim on loopback.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "opcua_sim/server.h"
+#include "support/test_pki.h"
+#include "probe_host.h"
+#include "vuro.pb.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct check_outcome {
+    int code = -1;
+    int results = 0;
+    bool success = false;
+    std::vector<std::string> emergency_lines;
+};
+
+class Checks : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        opcua_sim::options o;
+        o.users = {{"alice", "wonderland"}};
+        o.certificate.generate.key_bits = 2048;
+        server_ = new opcua_sim::server(o);
+        server_->start();
+        opcua_sim::options only_none;
+        only_none.endpoints = {{opcua_sim::security_policy::none, opcua_sim::security_mode::none}};
+        plain_server_ = new opcua_sim::server(only_none);
+        plain_server_->start();
+    }
+    static void TearDownTestSuite() {
+        delete server_;
+        delete plain_server_;
+    }
+
+    void SetUp() override {
+        log_dir_ = fs::temp_directory_path() / ("opcua-checks-" + std::to_string(::getpid()) + "-" +
+                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(log_dir_);
+        fs::create_directories(log_dir_);
+        setenv("VURO_LOG_DIR", log_dir_.c_str(), 1);
+        host_ = std::make_unique<miniprobe::probe_host>(OPCUA_MODULE_PATH);
+        ASSERT_EQ(host_->initialize(), 0);
+    }
+    void TearDown() override {
+        host_->cleanup();
+        host_.reset();
+        unsetenv("VURO_LOG_DIR");
+        fs::remove_all(log_dir_);
+    }
+
+    // Every setting the probe sends for a check, at the definition's defaults.
+    static brenholt::vuro::wire::SensorData data(const std::string& kind, int port,
+                                                  const std::map<std::string, std::string>& changes = {}) {
+        brenholt::vuro::wire::SensorData d;
+        d.set_kind(kind);
+        auto& s = *d.mutable_settings();
+        auto& secure = *d.mutable_secure_settings();
+        s["host"] = "127.0.0.1";
+        s["logging"] = "disabled";
+        s["interval"] = "60";
+        s["timeout"] = "10";
+        s["ipversion"] = "IPv4";
+        secure["brenholtcloudapikey"] = "";
+        s["credentials.connection_opcua.port"] = std::to_string(port);
+        s["credentials.connection_opcua.server_name"] = "";
+        s["credentials.connection_security.security_mode"] = "none";
+        s["credentials.connection_security.security_policy"] = "none";
+        s["credentials.connection_security.client_certificate"] = "";
+        s["credentials.connection_security.client_key"] = "";
+        secure["credentials.connection_security.client_key_password"] = "";
+        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
+        s["credentials.user_authentication.user"] = "";
+        secure["credentials.user_authentication.password"] = "";
+        for (const auto& [k, v] : changes) (secure.count(k) ? secure[k] : s[k]) = v;
+        return d;
+    }
+
+    check_outcome run(const brenholt::vuro::wire::SensorData& d) {
+        check_outcome out;
+        out.code = host_->check(3, d);
+        for (const auto& m : host_->take_messages()) {
+            if (m.type != "CHECK_RESULT") continue;
+            ++out.results;
+            EXPECT_EQ(m.body.at("check_id"), 3);
+            out.success = m.body.at("success").get<bool>();
+        }
+        std::ifstream in(log_dir_ / "runtime.log");
+        for (std::string line; std::getline(in, line);) {
+            const auto at = line.find(" EMERGENCY ");
+            if (at != std::string::npos) out.emergency_lines.push_back(line.substr(at + 11));
+        }
+        return out;
+    }
+
+    static int closed_port() {
+        // The plain server's port plus one thousand is not ours; any refused port will do.
+        return 1;
+    }
+
+    static opcua_sim::server* server_;
+    static opcua_sim::server* plain_server_;
+    fs::path log_dir_;
+    std::unique_ptr<miniprobe::probe_host> host_;
+};
+
+opcua_sim::server* Checks::server_ = nullptr;
+opcua_sim::server* Checks::plain_server_ = nullptr;
+
+TEST_F(Checks, ConnectionCheckOpensASession) {
+    const auto out = run(data("connection_check", server_->port()));
+    EXPECT_EQ(out.code, 0);
+    EXPECT_EQ(out.results, 1);
+    EXPECT_TRUE(out.success);
+    EXPECT_TRUE(out.emergency_lines.empty());
+}
+
+TEST_F(Checks, ServerDownFailsConnectionCheckLoudlyAndEndpointCheckQuietly) {
+    auto out = run(data("connection_check", closed_port()));
+    EXPECT_EQ(out.results, 1);
+    EXPECT_FALSE(out.success);
+    ASSERT_EQ(out.emergency_lines.size(), 1u);
+    EXPECT_EQ(out.emergency_lines[0].rfind("The sensor could not connect to the OPC UA server (", 0), 0u)
+        << out.emergency_lines[0];
+
+    out = run(data("endpoint_validation_check", closed_port()));
+    EXPECT_EQ(out.results, 1);
+    EXPECT_FALSE(out.success);
+    EXPECT_EQ(out.emergency_lines.size(), 1u) << "no new line from the endpoint check";
+}
+
+TEST_F(Checks, WrongPasswordPassesTheEndpointCheckButNotTheConnection) {
+    const std::map<std::string, std::string> wrong = {
+        {"credentials.user_authentication.user_auth_mode", "username_password"},
+        {"credentials.user_authentication.user", "alice"},
+        {"credentials.user_authentication.password", "not-her-password"}};
+    auto out = run(data("endpoint_validation_check", server_->port(), wrong));
+    EXPECT_TRUE(out.success);
+    EXPECT_TRUE(out.emergency_lines.empty());
+    out = run(data("connection_check", server_->port(), wrong));
+    EXPECT_FALSE(out.success);
+    EXPECT_EQ(out.emergency_lines.size(), 1u);
+
+    auto right = wrong;
+    right["credentials.user_authentication.password"] = "wonderland";
+    out = run(data("connection_check", server_->port(), right));
+    EXPECT_TRUE(out.success);
+}
+
+TEST_F(Checks, NoFittingEndpointFailsWithTheMatchingText) {
+    namespace pki = brenholt::monitoring_modules::test_pki;
+    pki::cert_profile profile = pki::leaf_profile("kolv-check-client");
+    profile.subject_alt_names = {"URI:urn:kolv:check-client"};
+    const pki::cert made = pki::make_cert(profile);
+    const auto out = run(data("endpoint_validation_check", plain_server_->port(),
+                              {{"credentials.connection_security.security_mode", "sign_encrypt"},
+                               {"credentials.connection_security.security_policy", "Basic256Sha256"},
+                               {"credentials.connection_security.client_certificate", made.pem()},
+                               {"credentials.connection_security.client_key", made.key().private_pem_encrypted("pw")},
+                               {"credentials.connection_security.client_key_password", "pw"}}));
+    EXPECT_EQ(out.results, 1);
+    EXPECT_FALSE(out.success);
+    ASSERT_EQ(out.emergency_lines.size(), 1u);
+    EXPECT_NE(out.emergency_lines[0].find("could not find the endpoint on the OPC UA server"), std::string::npos)
+        << out.emergency_lines[0];
+}
+
+TEST_F(Checks, BadSettingFailsTheCallWithoutAResult) {
+    auto d = data("connection_check", server_->port(), {{"credentials.connection_opcua.port", "0"}});
+    const auto out = run(d);
+    EXPECT_EQ(out.code, 2);
+    EXPECT_EQ(out.results, 0);
+}
+
+}  // namespace
