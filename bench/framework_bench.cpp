@@ -8,7 +8,7 @@
 #include "libvurohelper/messaging.h"
 #include "libvurohelper/responses.h"
 #include "libvurohelper/settings.h"
-#include "module/module_definition.h"
+#include "module/definition/module_definition_text.h"
 #include "vuro.pb.h"
 
 using namespace brenholt::monitoring_modules;
@@ -65,10 +65,10 @@ BENCHMARK(sensor_data_decode);
 static void module_information(benchmark::State& state) {
     const bool texts = state.range(0) != 0;
     for (auto _ : state) {
-        libvurohelper::messaging::module_information_message message(opcua::definition_text(), texts);
+        libvurohelper::messaging::module_information_message message(opcua::module_definition_text(), texts);
         benchmark::DoNotOptimize(message.serialize());
     }
-    state.SetLabel(std::to_string(opcua::definition_text().size()) + " bytes of definition");
+    state.SetLabel(std::to_string(opcua::module_definition_text().size()) + " bytes of definition");
 }
 BENCHMARK(module_information)->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 

@@ -7,7 +7,7 @@
 #include "client/client_open62541.h"
 #include "client/client_settings.h"
 #include "module/framework/bindings.h"
-#include "module/module_definition.h"
+#include "module/definition/module_definition_text.h"
 #include "sensors/connection_check.h"
 #include "sensors/endpoint_validation_check.h"
 
@@ -28,6 +28,6 @@ VuroModuleOPCUA::VuroModuleOPCUA(unsigned long handle, libvurohelper::module::me
     dispatcher->register_check_as<endpoint_validation_check>("endpoint_validation_check");
 }
 
-std::string VuroModuleOPCUA::module_definition() { return definition_text(); }
+std::string VuroModuleOPCUA::module_definition() { return module_definition_text(); }
 
 }  // namespace brenholt::monitoring_modules::opcua

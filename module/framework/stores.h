@@ -68,7 +68,9 @@ public:
 
     template <typename T>
     void add(std::shared_ptr<T> instance) {
-        if (contains<T>()) throw utils::exceptions::already_contains_instance(typeid(T).name());
+        // Also refused where T already has a keyed table: one entry per interface.
+        if (instances_.count(std::type_index(typeid(T))) != 0)
+            throw utils::exceptions::already_contains_instance(typeid(T).name());
         instances_.emplace(std::type_index(typeid(T)), std::make_unique<instance_wrapper<T>>(std::move(instance)));
     }
 
