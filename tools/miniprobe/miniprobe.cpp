@@ -1,6 +1,7 @@
 // miniprobe: a probe host for monitoring modules. Loads a module, drives its
 // exported functions and prints what comes back.
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -45,8 +46,8 @@ const char* const usage_text =
     "  --log-dir DIR       directory for the module's runtime and sensor logs\n"
     "  -h, --help          this text\n"
     "\n"
-    "Exit status: 0 when every call succeeded, 1 when a call reported failure,\n"
-    "2 on a usage error or when the module cannot be loaded.\n";
+    "Exit status: 0 when every call succeeded, 1 when a call reported failure or\n"
+    "a check answered \"failed\", 2 on a usage error or when the module cannot be loaded.\n";
 
 struct options {
     std::string module_path;
@@ -246,6 +247,11 @@ int run_check_or_sensor(miniprobe::probe_host& host, printer& out, const options
         out.known_channels(rs.request.known_channels);
         if (is_check) {
             failures += report(out, "ExecuteCheck", host.check(rs.id, data)) != 0;
+            // A check that answers "failed" fails the command too.
+            bool passed = false;
+            for (const auto& m : host.take_messages())
+                if (m.type == "CHECK_RESULT") passed = m.body.value("success", false);
+            failures += !passed;
         } else if (report(out, "CreateSensorInstance", host.create_sensor(rs.id, data)) != 0) {
             ++failures;
         } else {
@@ -311,7 +317,15 @@ int main(int argc, char** argv) {
         return 2;
     }
     // The framework library reads the log directory from the environment.
-    if (!opt.log_dir.empty()) setenv("VURO_LOG_DIR", opt.log_dir.c_str(), 1);
+    if (!opt.log_dir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(opt.log_dir, ec);
+        if (ec) {
+            std::cerr << "miniprobe: cannot create " << opt.log_dir << ": " << ec.message() << "\n";
+            return 2;
+        }
+        setenv("VURO_LOG_DIR", opt.log_dir.c_str(), 1);
+    }
     try {
         miniprobe::probe_host host(opt.module_path);
         printer out(opt.json);
