@@ -6,5 +6,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 if [ "${1:-}" = "--no-setup" ]; then shift; else bash scripts/setup-deps.sh; fi
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target miniprobe
-exec build/bin/miniprobe info --texts "$@"
+cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target miniprobe OPCUA
+build/bin/miniprobe info
+echo
+exec build/bin/miniprobe demo "$@"

@@ -13,6 +13,7 @@
 #include <map>
 #include <thread>
 
+#include "demo.h"
 #include "probe_host.h"
 #include "sensor_data_builder.h"
 #include "vuro.pb.h"
@@ -26,6 +27,8 @@ const char* const usage_text =
     "  info [--texts]      print the module's metadata, sensors and checks\n"
     "  check NAME          run one check with the settings below\n"
     "  sensor NAME         create a sensor, scan it, destroy it\n"
+    "  demo                start opcua-sim on a free loopback port and run the\n"
+    "                      module's checks and sensors against it\n"
     "\n"
     "Settings of check and sensor (each setting starts at its default in the\n"
     "module's definition; secrets travel as secure values):\n"
@@ -332,6 +335,7 @@ int main(int argc, char** argv) {
         if (opt.command == "info") return run_info(host, out, opt);
         if (opt.command == "check") return run_check_or_sensor(host, out, opt, true);
         if (opt.command == "sensor") return run_check_or_sensor(host, out, opt, false);
+        if (opt.command == "demo") return miniprobe::run_demo(host, std::cout) == 0 ? 0 : 1;
         std::cerr << "miniprobe: unknown command " << opt.command << "\n\n" << usage_text;
         return 2;
     } catch (const std::invalid_argument& e) {

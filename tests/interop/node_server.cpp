@@ -1,0 +1,179 @@
+#include "node_server.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+using clock_type = std::chrono::steady_clock;
+
+namespace interop {
+
+namespace {
+
+fs::path script_path() { return INTEROP_SERVER_SCRIPT; }
+
+fs::path make_temp_dir() {
+    static std::atomic<int> counter{0};
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const fs::path p = fs::temp_directory_path() / ("opcua-interop-" + std::to_string(::getpid()) + "-" +
+                                                         std::to_string(counter++));
+        std::error_code ec;
+        if (fs::create_directory(p, ec)) return p;
+    }
+    throw std::runtime_error("cannot create a temporary directory for the node-opcua server");
+}
+
+void close_fd(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+}  // namespace
+
+std::string node_opcua_missing() {
+    const fs::path module_dir = script_path().parent_path() / "node_modules" / "node-opcua";
+    if (fs::exists(module_dir / "package.json")) return {};
+    return "node-opcua is not installed in " + script_path().parent_path().string() +
+           "; run `npm install` there (scripts/setup-deps.sh does it)";
+}
+
+node_server::node_server(nlohmann::json options) {
+    if (const auto missing = node_opcua_missing(); !missing.empty()) throw std::runtime_error(missing);
+    dir_ = make_temp_dir();
+    if (!options.contains("pkiDir")) options["pkiDir"] = (dir_ / "pki").string();
+
+    // Everything the child needs is prepared before fork: after it only
+    // async-signal-safe calls are allowed.
+    const std::string node = NODE_EXECUTABLE;
+    const std::string script = script_path().string();
+    const std::string json = options.dump();
+    const std::string err_path = (dir_ / "server.err").string();
+    std::vector<char*> argv{const_cast<char*>(node.c_str()), const_cast<char*>(script.c_str()),
+                            const_cast<char*>(json.c_str()), nullptr};
+
+    // Close-on-exec everywhere, so that a second child does not inherit the first
+    // one's stdin and keep it alive after we close our end.
+    int in[2], out[2];
+    if (::pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    if (::pipe2(out, O_CLOEXEC) != 0) {
+        ::close(in[0]);
+        ::close(in[1]);
+        throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    }
+    const int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+
+    const pid_t parent = ::getpid();
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(127);
+        ::dup2(in[0], STDIN_FILENO);
+        ::dup2(out[1], STDOUT_FILENO);
+        if (err >= 0) ::dup2(err, STDERR_FILENO);
+        ::execvp(argv[0], argv.data());
+        ::_exit(127);
+    }
+    const int fork_errno = errno;
+    ::close(in[0]);
+    ::close(out[1]);
+    if (err >= 0) ::close(err);
+    stdin_fd_ = in[1];
+    stdout_fd_ = out[0];
+    if (pid_ < 0) {
+        close_fd(stdin_fd_);
+        close_fd(stdout_fd_);
+        throw std::runtime_error(std::string("fork: ") + std::strerror(fork_errno));
+    }
+}
+
+node_server::~node_server() {
+    stop();
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+}
+
+const nlohmann::json& node_server::wait_ready(std::chrono::milliseconds limit) {
+    if (!ready_.is_null()) return ready_;
+    const auto deadline = clock_type::now() + limit;
+    while (stdout_fd_ >= 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
+        if (left.count() <= 0) break;
+        pollfd p{stdout_fd_, POLLIN, 0};
+        const int n = ::poll(&p, 1, static_cast<int>(left.count()));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        char buffer[4096];
+        const ssize_t got = ::read(stdout_fd_, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            close_fd(stdout_fd_);
+            break;
+        }
+        pending_.append(buffer, static_cast<std::size_t>(got));
+        for (auto eol = pending_.find('\n'); eol != std::string::npos; eol = pending_.find('\n')) {
+            const std::string line = pending_.substr(0, eol);
+            pending_.erase(0, eol + 1);
+            const auto parsed = nlohmann::json::parse(line, nullptr, false);
+            if (!parsed.is_object() || !parsed.contains("ready")) continue;
+            if (!parsed.at("ready").get<bool>())
+                throw std::runtime_error("node-opcua server failed: " + parsed.value("error", std::string()) +
+                                         error_output());
+            ready_ = parsed;
+            return ready_;
+        }
+    }
+    throw std::runtime_error("node-opcua server did not report ready within " + std::to_string(limit.count()) +
+                             " ms" + error_output());
+}
+
+bool node_server::stop() {
+    close_fd(stdin_fd_);
+    close_fd(stdout_fd_);
+    if (pid_ <= 0) return true;
+    ::kill(pid_, SIGTERM);
+    bool clean = false;
+    // server.js gives itself 2 s to shut down; allow a little more before killing it.
+    const auto deadline = clock_type::now() + std::chrono::seconds(4);
+    for (;;) {
+        const pid_t r = ::waitpid(pid_, nullptr, WNOHANG);
+        if (r == pid_ || (r < 0 && errno != EINTR)) {
+            clean = true;
+            break;
+        }
+        if (clock_type::now() >= deadline) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (!clean) {
+        ::kill(pid_, SIGKILL);
+        while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+    pid_ = -1;
+    return clean;
+}
+
+std::string node_server::error_output() const {
+    std::ifstream in(dir_ / "server.err");
+    std::stringstream s;
+    s << in.rdbuf();
+    const std::string text = s.str();
+    if (text.empty()) return {};
+    // The end of the output says what went wrong; keep the report readable.
+    constexpr std::size_t keep = 4000;
+    return "\n--- server stderr ---\n" + (text.size() > keep ? text.substr(text.size() - keep) : text);
+}
+
+}  // namespace interop
