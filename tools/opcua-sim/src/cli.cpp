@@ -1,5 +1,7 @@
 #include "opcua_sim/cli.h"
 
+#include "opcua_sim/address_spaces.h"
+
 #include <algorithm>
 #include <charconv>
 #include <stdexcept>
@@ -59,6 +61,9 @@ on standard output once it listens, and runs until SIGINT or SIGTERM.
   --cert FILE              use this PEM certificate instead; needs --key
   --key FILE               the PEM private key of --cert
   --key-password TEXT      password of an encrypted --key
+  --address-space NAME     add a prepared address space; repeat for more. NAME is
+                             custom   (the custom sensor's variables in namespace
+                                       urn:opcua-sim:custom, index 2)
   --verbose                log of the OPC UA stack from level info on (default:
                            warnings and errors only), to standard error
   --help                   show this text
@@ -125,6 +130,14 @@ command_line parse_command_line(const std::vector<std::string>& args) {
             result.key_file = value();
         } else if (option == "--key-password") {
             o.certificate.private_key_password = value();
+        } else if (option == "--address-space") {
+            const std::string& name = value();
+            // A second setup of the same space would add its nodes twice and fail the start.
+            if (std::find(result.address_spaces.begin(), result.address_spaces.end(), name) ==
+                result.address_spaces.end()) {
+                o.address_spaces.push_back(address_space_by_name(name));
+                result.address_spaces.push_back(name);
+            }
         } else if (option == "--verbose") {
             o.verbose = true;
         } else {

@@ -15,6 +15,9 @@ struct command_line {
     // Files named by --cert and --key; read by the caller, so that parsing stays pure.
     std::string certificate_file;
     std::string key_file;
+    // Names given with --address-space, each once, in the order of their setups in
+    // server_options.address_spaces.
+    std::vector<std::string> address_spaces;
 };
 
 // Raises std::invalid_argument with a message for the user on a bad command line.
