@@ -4,14 +4,12 @@
 #include <vector>
 
 #include "client/client_settings.h"
+#include "client/node_interfaces.h"
 #include "client/server_certificate_info.h"
 #include "liblog/log.h"
 
 namespace brenholt::monitoring_modules::opcua {
 
-// The node classes are declared with the nodes; a client takes them only by pointer.
-class generic_node_interface;
-class writeable_variable_node_interface;
 
 // What sensors, checks and the notification see of an OPC UA server. One client
 // may be shared by all users with equal client_settings.

@@ -1,5 +1,7 @@
 #include "client/client_open62541.h"
 
+#include "client/nodes_open62541.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdarg>
@@ -10,6 +12,7 @@
 #include <utility>
 
 #include <open62541/client_config_default.h>
+#include <open62541/client_highlevel.h>
 #include <open62541/plugin/create_certificate.h>
 #include <open62541/plugin/log.h>
 #include <open62541/plugin/pki_default.h>
@@ -505,17 +508,126 @@ server_certificate_info client_open62541::get_server_certificate_info() {
     return info;
 }
 
-// Reading and writing arrive together with the node classes.
-void client_open62541::write_node_value(const std::shared_ptr<writeable_variable_node_interface>&) {
-    throw std::logic_error("write_node_value: not available yet");
+namespace {
+
+// One attribute of one node in a Read request.
+struct read_item {
+    std::shared_ptr<generic_node_open62541> node;
+    std::uint32_t attribute;
+};
+
+struct read_response_deleter {
+    void operator()(UA_ReadResponse* r) const noexcept { UA_delete(r, &UA_TYPES[UA_TYPES_READRESPONSE]); }
+};
+
+bool session_lost(UA_StatusCode status) {
+    return status == UA_STATUSCODE_BADSESSIONIDINVALID || status == UA_STATUSCODE_BADSESSIONCLOSED ||
+           status == UA_STATUSCODE_BADSESSIONNOTACTIVATED || status == UA_STATUSCODE_BADCONNECTIONCLOSED;
 }
 
-void client_open62541::read_node(const std::shared_ptr<generic_node_interface>&) {
-    throw std::logic_error("read_node: not available yet");
+std::vector<read_item> collect_read_items(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
+    std::vector<read_item> items;
+    for (const auto& node : nodes) {
+        auto own = std::dynamic_pointer_cast<generic_node_open62541>(node);
+        if (!own) throw exceptions::prepare_request_failed();
+        for (std::uint32_t attribute : own->get_missing_attributes()) items.push_back({own, attribute});
+    }
+    return items;
 }
 
-void client_open62541::read_node(const std::vector<std::shared_ptr<generic_node_interface>>&) {
-    throw std::logic_error("read_node: not available yet");
+}  // namespace
+
+void client_open62541::read_node(const std::shared_ptr<generic_node_interface>& node) {
+    read_node(std::vector<std::shared_ptr<generic_node_interface>>{node});
+}
+
+void client_open62541::read_node(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    try {
+        read_once(nodes);
+    } catch (const exceptions::opcua_connection_closed& e) {
+        // One retry only: a second loss goes to the caller.
+        logger_->write(liblog::info, std::string("Error on read_node: ") + e.what());
+        logger_->write(liblog::info, "perform one retry");
+        read_once(nodes);
+    }
+    logger_->write(liblog::debug, "Reading nodes finished successfully.");
+}
+
+void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
+    connect();
+    const std::vector<read_item> items = collect_read_items(nodes);
+    if (items.empty()) return;
+
+    logger_->write(liblog::debug, "  Requesting " + std::to_string(items.size()) + " nodes.");
+    std::vector<UA_ReadValueId> ids(items.size());
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        UA_ReadValueId_init(&ids[i]);
+        // The request borrows the nodes' own ids; it is never cleared, so nothing is freed twice.
+        ids[i].nodeId = *items[i].node->node_id();
+        ids[i].attributeId = items[i].attribute;
+    }
+    UA_ReadRequest request;
+    UA_ReadRequest_init(&request);
+    request.maxAge = 0;
+    request.timestampsToReturn = UA_TIMESTAMPSTORETURN_SOURCE;
+    request.nodesToRead = ids.data();
+    request.nodesToReadSize = ids.size();
+
+    std::unique_ptr<UA_ReadResponse, read_response_deleter> response(
+        static_cast<UA_ReadResponse*>(UA_new(&UA_TYPES[UA_TYPES_READRESPONSE])));
+    if (!response) throw std::bad_alloc();
+    __UA_Client_Service(ua_client_, &request, &UA_TYPES[UA_TYPES_READREQUEST], response.get(),
+                        &UA_TYPES[UA_TYPES_READRESPONSE]);
+
+    const UA_StatusCode service = response->responseHeader.serviceResult;
+    if (service != UA_STATUSCODE_GOOD) {
+        if (session_lost(service)) throw exceptions::opcua_connection_closed();
+        throw exceptions::opcua_request_failed(UA_StatusCode_name(service));
+    }
+    if (response->resultsSize != items.size()) throw exceptions::opcua_response_size_mismatch();
+
+    // Applied in order; a bad result stops here and leaves the earlier nodes updated.
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const UA_DataValue& result = response->results[i];
+        const read_item& item = items[i];
+        const UA_StatusCode status = result.hasStatus ? result.status : UA_STATUSCODE_GOOD;
+        if (status != UA_STATUSCODE_GOOD) {
+            if (status == UA_STATUSCODE_BADNODEIDUNKNOWN) throw exceptions::nodeid_unknown(item.node->identifier());
+            // Node classes without a Description are no error.
+            if (!(status == UA_STATUSCODE_BADATTRIBUTEIDINVALID && item.attribute == attribute_description))
+                throw exceptions::opcua_read_failed(UA_StatusCode_name(status));
+        }
+        if (!result.hasValue) continue;
+        logger_->write(liblog::debug, "    Update node " +
+                                          std::to_string(reinterpret_cast<std::uintptr_t>(item.node.get())) +
+                                          "'s attribute " + std::to_string(item.attribute) + ".");
+        item.node->update_attribute(item.attribute, result.value);
+    }
+}
+
+void client_open62541::write_node_value(const std::shared_ptr<writeable_variable_node_interface>& node) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    auto scalar = std::dynamic_pointer_cast<scalar_variable_node_open62541>(node);
+    if (!scalar) throw exceptions::prepare_request_failed();
+    try {
+        write_once(*scalar);
+    } catch (const exceptions::opcua_connection_closed& e) {
+        logger_->write(liblog::info, std::string("Error on write_node_value: ") + e.what());
+        logger_->write(liblog::info, "perform one retry");
+        write_once(*scalar);
+    }
+    logger_->write(liblog::debug, "Writing node value finished sucessfully.");
+}
+
+void client_open62541::write_once(const scalar_variable_node_open62541& node) {
+    connect();
+    const UA_StatusCode status = __UA_Client_writeAttribute(ua_client_, node.node_id(), UA_ATTRIBUTEID_VALUE,
+                                                            node.variant(), &UA_TYPES[UA_TYPES_VARIANT]);
+    if (status == UA_STATUSCODE_GOOD) return;
+    // Unlike a read, only a closed connection counts as lost here.
+    if (status == UA_STATUSCODE_BADCONNECTIONCLOSED) throw exceptions::opcua_connection_closed();
+    throw exceptions::opcua_write_failed(UA_StatusCode_name(status));
 }
 
 void client_open62541::add_logger(const std::shared_ptr<liblog::log_interface>& log, liblog::severity limit) {

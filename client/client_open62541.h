@@ -10,6 +10,7 @@
 #include <open62541/types.h>
 
 #include "client/client_interface.h"
+#include "client/nodes_open62541.h"
 #include "client/client_settings.h"
 #include "client/server_certificate_info.h"
 #include "libcertificatehelper/source/allocator.h"
@@ -78,6 +79,8 @@ private:
     };
 
     void open_session();
+    void read_once(const std::vector<std::shared_ptr<generic_node_interface>>& nodes);
+    void write_once(const scalar_variable_node_open62541& node);
     void make_client();
     void configure_logging();
     void configure_security();
