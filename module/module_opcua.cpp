@@ -8,7 +8,9 @@
 #include "client/client_settings.h"
 #include "module/framework/bindings.h"
 #include "module/definition/module_definition_text.h"
+#include "client/nodes_open62541.h"
 #include "sensors/connection_check.h"
+#include "sensors/custom_sensor.h"
 #include "sensors/endpoint_validation_check.h"
 
 namespace brenholt::monitoring_modules::opcua {
@@ -23,6 +25,14 @@ VuroModuleOPCUA::VuroModuleOPCUA(unsigned long handle, libvurohelper::module::me
         [weak_services](client_settings settings) -> std::unique_ptr<client_interface> {
             return std::make_unique<client_open62541>(settings, weak_services);
         }));
+    services->add_factory(std::function<std::unique_ptr<readable_variable_node_interface>(std::string)>(
+        &make_readable_node));
+    services->add_factory(std::function<std::unique_ptr<generic_node_interface>(std::string)>(
+        [](std::string text) -> std::unique_ptr<generic_node_interface> {
+            return std::make_unique<generic_node_open62541>(text);
+        }));
+
+    dispatcher->register_sensor_as<custom_sensor>("custom_sensor");
 
     dispatcher->register_check_as<connection_check>("connection_check");
     dispatcher->register_check_as<endpoint_validation_check>("endpoint_validation_check");

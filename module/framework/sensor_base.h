@@ -111,6 +111,9 @@ protected:
         send_result(channels::dynamic_channel(sensor_id, options));
     }
 
+    // The sensor's own log, for handing to a client's multiplexer.
+    const std::shared_ptr<liblog::log_interface>& log_ptr() const { return log_; }
+
     std::shared_ptr<module::service_container> services;
     int sensor_id;
     S settings;
