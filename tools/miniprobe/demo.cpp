@@ -1,10 +1,12 @@
 #include "demo.h"
 
 #include <iomanip>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "opcua_sim/address_spaces.h"
 #include "opcua_sim/server.h"
 #include "sensor_data_builder.h"
 
@@ -19,6 +21,84 @@ struct check_step {
     bool expected;
 };
 
+struct demo_channel {
+    const char* node;
+    const char* unit;
+    const char* name;  // empty: the node's own display name
+};
+
+// A custom sensor over several variables of the simulator, scanned a few times.
+int run_custom_sensor(probe_host& host, opcua_sim::server& server, const nlohmann::ordered_json& definition,
+                      std::ostream& out) {
+    const std::string port = std::to_string(server.port());
+    const std::vector<demo_channel> channels = {
+        {"ns=2;s=Double", "bar", "Line pressure"},
+        {"ns=2;s=Int32", "", ""},
+        {"ns=2;s=Boolean", "", "Pump running"},
+        {"'ns=2;s=Int32Array'[2]", "pcs", "Batch count (array element 2)"},
+        {"ns=2;s=StringNumber", "kg", "Load (parsed from text)"},
+        {"ns=2;s=Changeable", "rpm", "Spindle speed"},
+    };
+    build_request request;
+    request.name = "custom_sensor";
+    request.overrides = {{"credentials.connection_opcua.port", port},
+                         {"custom.sensor_message_custom.nodeid", "ns=2;s=SensorMessage"}};
+    for (std::size_t i = 0; i < channels.size(); ++i) {
+        const std::string key = "custom.connection_custom.channel" + std::to_string(i + 1);
+        if (i > 0) request.overrides.push_back({key, "enable"});
+        request.overrides.push_back({key + "_nodeid", channels[i].node});
+        request.overrides.push_back({key + "_unit", channels[i].unit});
+        if (*channels[i].name) {
+            request.overrides.push_back({key + "_settings", "manual"});
+            request.overrides.push_back({key + "_name", channels[i].name});
+        }
+    }
+    out << "\nCustom sensor with " << channels.size() << " channels:\n";
+    const int sensor_id = 100;
+    int unexpected = 0;
+    const int created = host.create_sensor(sensor_id, build_sensor_data(definition, request));
+    std::map<int, std::pair<std::string, std::string>> names;  // id: display name, unit
+    for (const auto& m : host.take_messages()) {
+        if (m.type == "DYNAMIC_CHANNEL")
+            names[m.body.value("id", 0)] = {m.body.value("display_name", ""), m.body.value("custom_unit", "")};
+        if (m.type == "SENSOR_SCAN_RESULT")
+            out << "  creation failed: " << m.body.at("message").value("text", "") << "\n";
+    }
+    if (created != 0) {
+        out << "  CreateSensorInstance returned " << created << "   <-- unexpected\n";
+        return 1;
+    }
+    for (const auto& [id, name] : names)
+        out << "  channel #" << id << ": " << name.first << (name.second.empty() ? "" : " [" + name.second + "]")
+            << "\n";
+    for (int scan = 1; scan <= 3; ++scan) {
+        // The simulator's operator turns the spindle faster between scans.
+        UA_Variant speed;
+        UA_Int32 rpm = 1000 + 250 * scan;
+        UA_Variant_setScalar(&speed, &rpm, &UA_TYPES[UA_TYPES_INT32]);
+        server.set_value("ns=2;s=Changeable", speed);
+        const int code = host.scan(sensor_id);
+        out << "  scan " << scan << ":";
+        for (const auto& m : host.take_messages()) {
+            if (m.type != "SENSOR_SCAN_RESULT") continue;
+            out << " message \"" << m.body.at("message").value("text", "") << "\"\n";
+            if (m.body.value("response_code", 0) != 0) ++unexpected;
+            for (const auto& c : m.body.at("channels")) {
+                const int id = c.value("channel_id", 0);
+                out << "    " << std::left << std::setw(34) << names[id].first << " "
+                    << (c.contains("floating") ? c.at("floating").dump() : c.value("integer", std::string("?")))
+                    << (names[id].second.empty() ? "" : " " + names[id].second) << "\n";
+            }
+        }
+        if (code != 0) {
+            out << "  ExecuteSensorScan returned " << code << "   <-- unexpected\n";
+            ++unexpected;
+        }
+    }
+    host.destroy(sensor_id);
+    return unexpected;
+}
+
 }  // namespace
 
 int run_demo(probe_host& host, std::ostream& out) {
@@ -26,6 +106,7 @@ int run_demo(probe_host& host, std::ostream& out) {
     options.users = {{"operator", "demo-password"}};
     options.certificate.generate.key_bits = 2048;
     options.certificate.generate.valid_days = 365;
+    options.address_spaces.push_back(opcua_sim::custom_address_space());
     opcua_sim::server server(options);
     server.start();
     const std::string port = std::to_string(server.port());
@@ -93,6 +174,7 @@ int run_demo(probe_host& host, std::ostream& out) {
         out << "  " << std::left << std::setw(58) << step.title << (success ? "passed" : "failed")
             << (as_expected ? "" : "   <-- unexpected") << "\n";
     }
+    unexpected += run_custom_sensor(host, server, definition, out);
     host.cleanup();
     server.stop();
     out << "\n" << (unexpected == 0 ? "Every step ended as expected." : "Some steps did not end as expected.") << "\n";
