@@ -12,8 +12,7 @@
 
 #include "opcua_sim/server.h"
 #include "support/test_pki.h"
-#include "probe_host.h"
-#include "vuro.pb.h"
+#include "support/module_session.h"
 
 namespace fs = std::filesystem;
 
@@ -26,7 +25,7 @@ struct check_outcome {
     std::vector<std::string> emergency_lines;
 };
 
-class Checks : public ::testing::Test {
+class Checks : public test_support::module_session {
 protected:
     static void SetUpTestSuite() {
         opcua_sim::options o;
@@ -44,46 +43,10 @@ protected:
         delete plain_server_;
     }
 
-    void SetUp() override {
-        log_dir_ = fs::temp_directory_path() / ("opcua-checks-" + std::to_string(::getpid()) + "-" +
-                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(log_dir_);
-        fs::create_directories(log_dir_);
-        setenv("VURO_LOG_DIR", log_dir_.c_str(), 1);
-        host_ = std::make_unique<miniprobe::probe_host>(OPCUA_MODULE_PATH);
-        ASSERT_EQ(host_->initialize(), 0);
-    }
-    void TearDown() override {
-        host_->cleanup();
-        host_.reset();
-        unsetenv("VURO_LOG_DIR");
-        fs::remove_all(log_dir_);
-    }
-
-    // Every setting the probe sends for a check, at the definition's defaults.
     static brenholt::vuro::wire::SensorData data(const std::string& kind, int port,
                                                   const std::map<std::string, std::string>& changes = {}) {
-        brenholt::vuro::wire::SensorData d;
-        d.set_kind(kind);
-        auto& s = *d.mutable_settings();
-        auto& secure = *d.mutable_secure_settings();
-        s["host"] = "127.0.0.1";
-        s["logging"] = "disabled";
-        s["interval"] = "60";
-        s["timeout"] = "10";
-        s["ipversion"] = "IPv4";
-        secure["brenholtcloudapikey"] = "";
-        s["credentials.connection_opcua.port"] = std::to_string(port);
-        s["credentials.connection_opcua.server_name"] = "";
-        s["credentials.connection_security.security_mode"] = "none";
-        s["credentials.connection_security.security_policy"] = "none";
-        s["credentials.connection_security.client_certificate"] = "";
-        s["credentials.connection_security.client_key"] = "";
-        secure["credentials.connection_security.client_key_password"] = "";
-        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-        s["credentials.user_authentication.user"] = "";
-        secure["credentials.user_authentication.password"] = "";
-        for (const auto& [k, v] : changes) (secure.count(k) ? secure[k] : s[k]) = v;
+        auto d = test_support::credential_data(kind, port);
+        for (const auto& [k, v] : changes) test_support::put(d, k, v);
         return d;
     }
 
@@ -96,8 +59,7 @@ protected:
             EXPECT_EQ(m.body.at("check_id"), 3);
             out.success = m.body.at("success").get<bool>();
         }
-        std::ifstream in(log_dir_ / "runtime.log");
-        for (std::string line; std::getline(in, line);) {
+        for (const std::string& line : runtime_log()) {
             const auto at = line.find(" EMERGENCY ");
             if (at != std::string::npos) out.emergency_lines.push_back(line.substr(at + 11));
         }
@@ -111,8 +73,6 @@ protected:
 
     static opcua_sim::server* server_;
     static opcua_sim::server* plain_server_;
-    fs::path log_dir_;
-    std::unique_ptr<miniprobe::probe_host> host_;
 };
 
 opcua_sim::server* Checks::server_ = nullptr;

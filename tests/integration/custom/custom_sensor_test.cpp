@@ -12,8 +12,7 @@
 
 #include "opcua_sim/address_spaces.h"
 #include "opcua_sim/server.h"
-#include "probe_host.h"
-#include "vuro.pb.h"
+#include "support/module_session.h"
 
 namespace fs = std::filesystem;
 using nlohmann::ordered_json;
@@ -22,7 +21,7 @@ namespace {
 
 const std::string prefix = "custom.connection_custom.channel";
 
-class CustomSensor : public ::testing::Test {
+class CustomSensor : public test_support::module_session {
 protected:
     static void SetUpTestSuite() {
         opcua_sim::options o;
@@ -33,45 +32,12 @@ protected:
     }
     static void TearDownTestSuite() { delete server_; }
 
-    void SetUp() override {
-        log_dir_ = fs::temp_directory_path() / ("opcua-custom-" + std::to_string(::getpid()) + "-" +
-                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(log_dir_);
-        fs::create_directories(log_dir_);
-        setenv("VURO_LOG_DIR", log_dir_.c_str(), 1);
-        host_ = std::make_unique<miniprobe::probe_host>(OPCUA_MODULE_PATH);
-        ASSERT_EQ(host_->initialize(), 0);
-    }
-    void TearDown() override {
-        host_->cleanup();
-        host_.reset();
-        unsetenv("VURO_LOG_DIR");
-        fs::remove_all(log_dir_);
-    }
-
     // channels: channel number -> NodeID text; every other channel disabled.
     static brenholt::vuro::wire::SensorData data(const std::map<int, std::string>& channels,
                                                   const std::map<std::string, std::string>& changes = {}) {
-        brenholt::vuro::wire::SensorData d;
-        d.set_kind("custom_sensor");
+        auto d = test_support::credential_data("custom_sensor", server_->port());
         auto& s = *d.mutable_settings();
-        auto& secure = *d.mutable_secure_settings();
-        s["host"] = "127.0.0.1";
         s["logging"] = "enabled";
-        s["interval"] = "60";
-        s["timeout"] = "10";
-        s["ipversion"] = "IPv4";
-        secure["brenholtcloudapikey"] = "";
-        s["credentials.connection_opcua.port"] = std::to_string(server_->port());
-        s["credentials.connection_opcua.server_name"] = "";
-        s["credentials.connection_security.security_mode"] = "none";
-        s["credentials.connection_security.security_policy"] = "none";
-        s["credentials.connection_security.client_certificate"] = "";
-        s["credentials.connection_security.client_key"] = "";
-        secure["credentials.connection_security.client_key_password"] = "";
-        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-        s["credentials.user_authentication.user"] = "";
-        secure["credentials.user_authentication.password"] = "";
         s["custom.sensor_message_custom.nodeid"] = "";
         for (int n = 1; n <= 10; ++n) {
             const std::string c = prefix + std::to_string(n);
@@ -96,16 +62,7 @@ protected:
         auto more = host_->take_messages();
         pending_.insert(pending_.end(), more.begin(), more.end());
     }
-    std::vector<std::string> sensor_log(int id) const {
-        std::vector<std::string> lines;
-        std::ifstream in(log_dir_ / ("sensor_" + std::to_string(id) + ".log"));
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
-        return lines;
-    }
-
     static opcua_sim::server* server_;
-    fs::path log_dir_;
-    std::unique_ptr<miniprobe::probe_host> host_;
     std::vector<miniprobe::received_message> pending_;
 };
 
