@@ -9,6 +9,7 @@
 #include "module/framework/bindings.h"
 #include "module/definition/module_definition_text.h"
 #include "client/nodes_open62541.h"
+#include "sensors/beckhoff_ipc_system_status_sensor.h"
 #include "sensors/connection_check.h"
 #include "sensors/custom_sensor.h"
 #include "sensors/endpoint_validation_check.h"
@@ -33,6 +34,7 @@ VuroModuleOPCUA::VuroModuleOPCUA(unsigned long handle, libvurohelper::module::me
         }));
 
     dispatcher->register_sensor_as<custom_sensor>("custom_sensor");
+    dispatcher->register_sensor_as<beckhoff_ipc_system_status_sensor>("beckhoff_ipc_system_status_sensor");
 
     dispatcher->register_check_as<connection_check>("connection_check");
     dispatcher->register_check_as<endpoint_validation_check>("endpoint_validation_check");
