@@ -22,6 +22,7 @@ enum class message_type : int {
     dynamic_channel = 4,
     notification_response = 5,
     sensor_data = 6,
+    notification_request = 7,
 };
 
 class VURO_API vuro_message {

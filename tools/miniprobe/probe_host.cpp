@@ -46,6 +46,7 @@ received_message decode_message(const void* data, std::size_t size) {
         case wire::DYNAMIC_CHANNEL: body = std::make_unique<wire::DynamicChannel>(); break;
         case wire::NOTIFICATION_RESPONSE: body = std::make_unique<wire::NotificationResponse>(); break;
         case wire::SENSOR_DATA: body = std::make_unique<wire::SensorData>(); break;
+        case wire::NOTIFICATION_REQUEST: body = std::make_unique<wire::NotificationRequest>(); break;
         default: throw std::runtime_error("unknown message type " + std::to_string(envelope.type()));
     }
     if (!body->ParseFromString(envelope.payload())) throw std::runtime_error("undecodable " + out.type);
