@@ -1,4 +1,5 @@
 #include "opcua_sim/address_spaces.h"
+#include "opcua_sim/beckhoff.h"
 
 #include <open62541/server.h>
 
@@ -183,10 +184,11 @@ void populate_custom(UA_Server* ua) {
 
 address_space_setup custom_address_space() { return populate_custom; }
 
-std::vector<std::string> address_space_names() { return {"custom"}; }
+std::vector<std::string> address_space_names() { return {"custom", "beckhoff"}; }
 
 address_space_setup address_space_by_name(const std::string& name) {
     if (name == "custom") return custom_address_space();
+    if (name == "beckhoff") return beckhoff_address_space();
     throw std::invalid_argument("unknown address space '" + name + "'; see --help");
 }
 

@@ -61,9 +61,12 @@ on standard output once it listens, and runs until SIGINT or SIGTERM.
   --cert FILE              use this PEM certificate instead; needs --key
   --key FILE               the PEM private key of --cert
   --key-password TEXT      password of an encrypted --key
-  --address-space NAME     add a prepared address space; repeat for more. NAME is
+  --address-space NAME     add a prepared address space. NAME is one of
                              custom   (the custom sensor's variables in namespace
                                        urn:opcua-sim:custom, index 2)
+                             beckhoff (a Beckhoff IPC's nine health nodes in
+                                       namespace urn:opcua-sim:beckhoff, index 2)
+                           Both need index 2, so only one of them at a time.
   --verbose                log of the OPC UA stack from level info on (default:
                            warnings and errors only), to standard error
   --help                   show this text
