@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "opcua_sim/address_spaces.h"
+#include "opcua_sim/beckhoff.h"
 #include "opcua_sim/server.h"
 #include "sensor_data_builder.h"
 
@@ -99,6 +100,71 @@ int run_custom_sensor(probe_host& host, opcua_sim::server& server, const nlohman
     return unexpected;
 }
 
+// The English text of a channel key, as the probe's interface would show it.
+std::string english(const nlohmann::ordered_json& definition, const std::string& key) {
+    const auto* table = &definition;
+    for (const char* step : {"Text", "English", "Translation"}) {
+        if (!table->contains(step)) return key;
+        table = &table->at(step);
+    }
+    if (!table->contains(key)) return key;
+    std::string text = table->at(key).value("Display", key);
+    for (auto at = text.find("%%"); at != std::string::npos; at = text.find("%%", at + 1)) text.erase(at, 1);
+    return text;
+}
+
+// A Beckhoff IPC whose RAID controller has gone offline: one scan healthy, one with
+// the warning state, as the operator would see it.
+int run_beckhoff_sensor(probe_host& host, const nlohmann::ordered_json& definition, std::ostream& out) {
+    opcua_sim::options options;
+    options.certificate.generate.key_bits = 2048;
+    opcua_sim::beckhoff_status status;
+    opcua_sim::set_beckhoff_memory(status, 8ull << 30, 3ull << 30);
+    options.address_spaces.push_back(opcua_sim::beckhoff_address_space(status));
+    opcua_sim::server ipc(options);
+    ipc.start();
+    out << "\nBeckhoff IPC System Health against a second opcua-sim (" << ipc.endpoint_url() << "):\n";
+
+    build_request request;
+    request.name = "beckhoff_ipc_system_status_sensor";
+    request.overrides = {{"credentials.connection_opcua.port", std::to_string(ipc.port())}};
+    const int sensor_id = 200;
+    int unexpected = 0;
+    if (host.create_sensor(sensor_id, build_sensor_data(definition, request)) != 0) {
+        out << "  CreateSensorInstance failed   <-- unexpected\n";
+        return 1;
+    }
+    std::map<int, std::string> names;
+    for (const auto& m : host.take_messages())
+        if (m.type == "DYNAMIC_CHANNEL") names[m.body.value("id", 0)] = english(definition, m.body.value("name", ""));
+    const struct {
+        const char* title;
+        std::uint16_t raid_state;
+        std::uint16_t reason;
+    } scans[] = {{"RAID controller good", 1, 0}, {"RAID controller offline, bus degraded", 3, 2}};
+    for (const auto& scan : scans) {
+        status.raid_state = scan.raid_state;
+        status.raid_offline_reason = scan.reason;
+        opcua_sim::set_beckhoff_status(ipc, status);
+        unexpected += host.scan(sensor_id) != 0;
+        for (const auto& m : host.take_messages()) {
+            if (m.type != "SENSOR_SCAN_RESULT") continue;
+            out << "  " << scan.title << ": response code " << m.body.value("response_code", 0) << ", message \""
+                << m.body.at("message").value("text", "") << "\"\n";
+            if (m.body.value("response_code", 0) == 3) ++unexpected;
+            for (const auto& c : m.body.at("channels")) {
+                const int id = c.value("channel_id", 0);
+                out << "    " << std::left << std::setw(34) << names[id] << " "
+                    << (c.contains("floating") ? c.at("floating").dump() : c.value("integer", std::string("?")))
+                    << "\n";
+            }
+        }
+    }
+    host.destroy(sensor_id);
+    ipc.stop();
+    return unexpected;
+}
+
 }  // namespace
 
 int run_demo(probe_host& host, std::ostream& out) {
@@ -118,7 +184,7 @@ int run_demo(probe_host& host, std::ostream& out) {
     }
     int unexpected = 0;
     int result = 0;
-    const auto bytes = host.get_module_information_sync(false, result);
+    const auto bytes = host.get_module_information_sync(true, result);
     if (result != 0) {
         out << "GetModuleInformationSync failed with " << result << "\n";
         host.cleanup();
@@ -175,6 +241,7 @@ int run_demo(probe_host& host, std::ostream& out) {
             << (as_expected ? "" : "   <-- unexpected") << "\n";
     }
     unexpected += run_custom_sensor(host, server, definition, out);
+    unexpected += run_beckhoff_sensor(host, definition, out);
     host.cleanup();
     server.stop();
     out << "\n" << (unexpected == 0 ? "Every step ended as expected." : "Some steps did not end as expected.") << "\n";
