@@ -6,7 +6,8 @@
 //
 // When the server listens it prints one JSON line on stdout:
 //   {"ready":true,"port":N,"endpointUrl":"opc.tcp://...","endpoints":[{"endpointUrl":..,
-//    "securityMode":"Sign","securityPolicy":"Basic256Sha256","userTokens":[policy ids]}, ...]}
+//    "securityMode":"Sign","securityPolicy":"Basic256Sha256","userTokens":[policy ids]}, ...],
+//    "namespaces":{"<section>":index, ...}}
 // On a fatal error it prints {"ready":false,"error":"..."} and exits with 1. Nothing else
 // goes to stdout, so the test can read it line by line; node-opcua's own messages go to
 // stderr, and only when "verbose" is set.
@@ -23,7 +24,11 @@ import {
     SecurityPolicy,
     setWarningLogger,
     setErrorLogger,
-    setDebugLogger
+    setDebugLogger,
+    DataType,
+    LocalizedText,
+    Variant,
+    VariantArrayType
 } from "node-opcua";
 
 // Every option the script knows, with its default. An unknown key is an error, so a
@@ -52,8 +57,75 @@ const defaults = {
 
 // Builders for parts of the address space, keyed by option name. Each takes
 // (addressSpace, namespace, value of the option) and runs once after start-up; the
-// key becomes a known option with no value by default.
-const addressSpaceSections = {};
+// key becomes a known option with no value by default. A builder that registers a
+// namespace of its own returns its index, which the ready line reports under
+// "namespaces" by the option's name: node-opcua hands out indexes in the order
+// namespaces are registered, so a test must not assume one.
+const addressSpaceSections = {
+    custom: buildCustom
+};
+
+// The values the custom sensor reads, one variable per kind, in the namespace
+// customNamespaceUri with string NodeIDs ("ns=N;s=<name>") under Objects/Custom. Every
+// DisplayName is "<name> (node-opcua)", so a test can tell it from the BrowseName.
+// Option value: true.
+const customNamespaceUri = "urn:kolv:interop:custom";
+
+// node-opcua carries 64-bit integers as [high, low] 32-bit words.
+function int64Words(text) {
+    const mask = (1n << 64n) - 1n;
+    const bits = BigInt(text) & mask;
+    return [Number(bits >> 32n), Number(bits & 0xffffffffn)];
+}
+
+function buildCustom(addressSpace, _ownNamespace, value) {
+    if (value !== true) fail('option "custom" takes true');
+    const namespace = addressSpace.registerNamespace(customNamespaceUri);
+    const folder = namespace.addFolder(addressSpace.rootFolder.objects, {
+        browseName: "Custom",
+        nodeId: "s=Custom"
+    });
+    const add = (name, dataType, v, array) =>
+        namespace.addVariable({
+            organizedBy: folder,
+            browseName: name,
+            nodeId: `s=${name}`,
+            displayName: { text: `${name} (node-opcua)`, locale: "en" },
+            dataType,
+            valueRank: array ? 1 : -1,
+            arrayDimensions: array ? [v.length] : null,
+            accessLevel: "CurrentRead",
+            userAccessLevel: "CurrentRead",
+            value: new Variant({
+                dataType: DataType[dataType],
+                arrayType: array ? VariantArrayType.Array : VariantArrayType.Scalar,
+                value: v
+            })
+        });
+
+    add("Boolean", "Boolean", true);
+    add("BooleanFalse", "Boolean", false);
+    add("SByte", "SByte", -100);
+    add("Byte", "Byte", 250);
+    add("Int16", "Int16", -30000);
+    add("UInt16", "UInt16", 65000);
+    add("Int32", "Int32", -2000000000);
+    add("UInt32", "UInt32", 4000000000);
+    // Not representable as a double: a client that goes through one loses the last digit.
+    add("Int64", "Int64", int64Words("-9007199254740993"));
+    add("UInt64", "UInt64", int64Words("9223372036854775807"));
+    add("Float", "Float", -2.75);
+    add("Double", "Double", 1234.5678);
+    add("StringNumber", "String", "12.5 kg");
+    add("StringText", "String", "abc");
+    // 1709210096 s after 1970-01-01; the milliseconds must be cut off, not rounded.
+    add("DateTime", "DateTime", new Date("2024-02-29T12:34:56.789Z"));
+    add("LocalizedText", "LocalizedText", new LocalizedText({ locale: "de", text: "7.25 bar" }));
+    add("Int32Array", "Int32", new Int32Array([-5, 0, 2147483647]), true);
+    add("DoubleArray", "Double", new Float64Array([0.5, -1.25, 1e300]), true);
+    add("SensorMessage", "String", "Pump 3 running");
+    return namespace.index;
+}
 
 function fail(message) {
     process.stdout.write(JSON.stringify({ ready: false, error: String(message) }) + "\n");
@@ -169,8 +241,11 @@ async function main() {
     await server.initialize();
     const addressSpace = server.engine.addressSpace;
     const namespace = addressSpace.getOwnNamespace();
+    const namespaces = {};
     for (const [key, build] of Object.entries(addressSpaceSections)) {
-        if (options[key] !== undefined) build(addressSpace, namespace, options[key]);
+        if (options[key] === undefined) continue;
+        const index = build(addressSpace, namespace, options[key]);
+        if (index !== undefined) namespaces[key] = index;
     }
     await server.start();
 
@@ -187,7 +262,13 @@ async function main() {
         }));
     const port = server.endpoints[0].port;
     process.stdout.write(
-        JSON.stringify({ ready: true, port, endpointUrl: `opc.tcp://${options.hostname}:${port}`, endpoints }) + "\n"
+        JSON.stringify({
+            ready: true,
+            port,
+            endpointUrl: `opc.tcp://${options.hostname}:${port}`,
+            endpoints,
+            namespaces
+        }) + "\n"
     );
 }
 
