@@ -10,8 +10,10 @@
 #include "module/definition/module_definition_text.h"
 #include "client/nodes_open62541.h"
 #include "sensors/beckhoff_ipc_system_status_sensor.h"
+#include "sensors/certificate_sensor.h"
 #include "sensors/connection_check.h"
 #include "sensors/custom_sensor.h"
+#include "sensors/server_status_sensor.h"
 #include "sensors/endpoint_validation_check.h"
 
 namespace brenholt::monitoring_modules::opcua {
@@ -33,7 +35,9 @@ VuroModuleOPCUA::VuroModuleOPCUA(unsigned long handle, libvurohelper::module::me
             return std::make_unique<generic_node_open62541>(text);
         }));
 
+    dispatcher->register_sensor_as<server_status_sensor>("server_status_sensor");
     dispatcher->register_sensor_as<custom_sensor>("custom_sensor");
+    dispatcher->register_sensor_as<certificate_sensor>("certificate_sensor");
     dispatcher->register_sensor_as<beckhoff_ipc_system_status_sensor>("beckhoff_ipc_system_status_sensor");
 
     dispatcher->register_check_as<connection_check>("connection_check");
