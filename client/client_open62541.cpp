@@ -357,10 +357,43 @@ void client_open62541::log_security_policies() {
     logger_->write(liblog::info, line);
 }
 
+namespace {
+// Refusals of the secure channel on account of a certificate or policy, as opposed to
+// a server that is not there.
+bool security_refusal(UA_StatusCode status) {
+    const UA_StatusCode code = status & 0xFFFF0000;
+    return (code >= UA_STATUSCODE_BADCERTIFICATEINVALID && code <= UA_STATUSCODE_BADCERTIFICATEREVOKED) ||
+           code == UA_STATUSCODE_BADSECURITYCHECKSFAILED || code == UA_STATUSCODE_BADSECURITYPOLICYREJECTED;
+}
+}  // namespace
+
 void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
     // Discovery always runs on a new client, which ends any session of the old one.
     make_client();
 
+    std::size_t size = 0;
+    UA_EndpointDescription* data = nullptr;
+    UA_StatusCode status = request_endpoints(false, size, data);
+    if (security_refusal(status)) {
+        // The library chose a secured channel for the request that the server's certificate
+        // cannot carry (a key too short for the policy, for one). Every server answers
+        // discovery on an unsecured channel, and the list is all we want of it. The failed
+        // client keeps its status, so a new one asks.
+        UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
+        data = nullptr;
+        size = 0;
+        make_client();
+        status = request_endpoints(true, size, data);
+    }
+    if (status != UA_STATUSCODE_GOOD) {
+        UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
+        throw exceptions::opcua_discovery_failed(std::to_string(status));
+    }
+    endpoints.data = data;
+    endpoints.size = size;
+}
+
+UA_StatusCode client_open62541::request_endpoints(bool unsecured, std::size_t& size, UA_EndpointDescription*& data) {
     // open62541 1.4 matches mode, policy and identity itself while it opens the channel for
     // GetEndpoints, and fails the whole request when nothing fits. Our own selection is the
     // one that has to judge the list, with its own lines, so the request goes out without
@@ -369,12 +402,11 @@ void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
     const UA_MessageSecurityMode wanted_mode = config->securityMode;
     const UA_String wanted_policy = config->securityPolicyUri;
     const UA_ExtensionObject wanted_identity = config->userIdentityToken;
-    config->securityMode = UA_MESSAGESECURITYMODE_INVALID;
+    config->securityMode = unsecured ? UA_MESSAGESECURITYMODE_NONE : UA_MESSAGESECURITYMODE_INVALID;
     UA_String_init(&config->securityPolicyUri);
+    if (unsecured) config->securityPolicyUri = UA_String_fromChars(policy_uri_none);
     UA_ExtensionObject_init(&config->userIdentityToken);
 
-    std::size_t size = 0;
-    UA_EndpointDescription* data = nullptr;
     const UA_StatusCode status = UA_Client_getEndpoints(ua_client_, endpoint_url_.c_str(), &size, &data);
 
     UA_clear(&config->securityPolicyUri, &UA_TYPES[UA_TYPES_STRING]);
@@ -382,13 +414,7 @@ void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
     config->securityMode = wanted_mode;
     config->securityPolicyUri = wanted_policy;
     config->userIdentityToken = wanted_identity;
-
-    if (status != UA_STATUSCODE_GOOD) {
-        UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
-        throw exceptions::opcua_discovery_failed(std::to_string(status));
-    }
-    endpoints.data = data;
-    endpoints.size = size;
+    return status;
 }
 
 endpoint_criteria client_open62541::criteria_of(const UA_ClientConfig& config) {

@@ -79,6 +79,7 @@ private:
     };
 
     void open_session();
+    UA_StatusCode request_endpoints(bool unsecured, std::size_t& size, UA_EndpointDescription*& data);
     void read_once(const std::vector<std::shared_ptr<generic_node_interface>>& nodes);
     void write_once(const scalar_variable_node_open62541& node);
     void make_client();

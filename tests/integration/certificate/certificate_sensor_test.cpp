@@ -166,8 +166,8 @@ TEST_F(CertificateSensor, ReportsDaysKeyLengthSelfSignedNameAndThumbprint) {
         {2048, 30, "sim-30-days", "sim-30-days", false},
         // Expired: the sensor still reports, the limit raises the alarm.
         {2048, -3, "sim-expired", "sim-expired", false},
-        // Too short for Basic256Sha256, so such a server offers None only.
-        {1024, 365, "Plant, Line 4", "Plant\\, Line 4", true},
+        // Too short for Basic256Sha256: discovery falls back to an unsecured channel.
+        {1024, 365, "Plant, Line 4", "Plant\\, Line 4", false},
     };
     int id = 10;
     for (const auto& c : cases) {
