@@ -114,9 +114,7 @@ beckhoff_ipc_system_status_sensor::beckhoff_ipc_system_status_sensor(
         create_nodes();
     } catch (const libi18n::i18n_exception& e) {
         log(std::string("Exception during creation of OPC-UA client: ") + e.what(), liblog::error);
-        sensor_scan_result failed(sensor_id, e);
-        failed.set_error_code(0).set_response_code(scan_response_codes::error);
-        send_result(failed);
+        send_error_result(e);
         throw;
     }
 }

@@ -48,9 +48,7 @@ custom_sensor::custom_sensor(libvurohelper::sensors::sensor_parameters<settings:
         define_channels();
     } catch (const libi18n::i18n_exception& e) {
         log(std::string("Exception during creation of OPC-UA client: ") + e.what(), liblog::error);
-        sensor_scan_result failed(sensor_id, e);
-        failed.set_error_code(0).set_response_code(scan_response_codes::error);
-        send_result(failed);
+        send_error_result(e);
         throw;
     }
 }

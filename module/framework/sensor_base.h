@@ -74,14 +74,10 @@ public:
             work();
         } catch (const libi18n::i18n_exception& e) {
             log_debug(e.what());
-            responses::sensor_scan_result result(sensor_id, e);
-            result.set_error_code(0).set_response_code(responses::scan_response_codes::error);
-            send_result(result);
+            send_error_result(e);
         } catch (const std::exception& e) {
             log_debug(e.what());
-            responses::sensor_scan_result result(sensor_id, e);
-            result.set_error_code(0).set_response_code(responses::scan_response_codes::error);
-            send_result(result);
+            send_error_result(e);
         }
         log_debug("#################### Exit sensor scan  ####################");
     }
@@ -99,6 +95,15 @@ protected:
 
     void send_result(const messaging::vuro_message& message) {
         services->template get_instance<messaging::message_service_interface>()->send(message);
+    }
+
+    // The error result of a failure: no channel values, error code 0, response code 3.
+    // An i18n_exception keeps its translatable message, any other its plain text.
+    template <typename E>
+    void send_error_result(const E& failure) {
+        responses::sensor_scan_result result(sensor_id, failure);
+        result.set_error_code(0).set_response_code(responses::scan_response_codes::error);
+        send_result(result);
     }
 
     // Tells the probe about a channel once; a channel the probe already knows is
