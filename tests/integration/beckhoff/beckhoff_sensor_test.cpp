@@ -13,6 +13,7 @@
 #include "opcua_sim/beckhoff.h"
 #include "opcua_sim/server.h"
 #include "probe_host.h"
+#include "support/module_session.h"
 #include "vuro.pb.h"
 
 namespace fs = std::filesystem;
@@ -20,7 +21,7 @@ using nlohmann::ordered_json;
 
 namespace {
 
-class BeckhoffSensor : public ::testing::Test {
+class BeckhoffSensor : public test_support::module_session {
 protected:
     static void SetUpTestSuite() {
         opcua_sim::options o;
@@ -35,44 +36,14 @@ protected:
     }
 
     void SetUp() override {
-        log_dir_ = fs::temp_directory_path() / ("opcua-beckhoff-" + std::to_string(::getpid()) + "-" +
-                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(log_dir_);
-        fs::create_directories(log_dir_);
-        setenv("VURO_LOG_DIR", log_dir_.c_str(), 1);
-        host_ = std::make_unique<miniprobe::probe_host>(OPCUA_MODULE_PATH);
-        ASSERT_EQ(host_->initialize(), 0);
+        module_session::SetUp();
         // Values set by an earlier test survive on the shared server.
         opcua_sim::set_beckhoff_status(*server_, {});
     }
-    void TearDown() override {
-        host_->cleanup();
-        host_.reset();
-        unsetenv("VURO_LOG_DIR");
-        fs::remove_all(log_dir_);
-    }
 
     static brenholt::vuro::wire::SensorData data(std::uint16_t port) {
-        brenholt::vuro::wire::SensorData d;
-        d.set_kind("beckhoff_ipc_system_status_sensor");
-        auto& s = *d.mutable_settings();
-        auto& secure = *d.mutable_secure_settings();
-        s["host"] = "127.0.0.1";
-        s["logging"] = "enabled";
-        s["interval"] = "60";
-        s["timeout"] = "10";
-        s["ipversion"] = "IPv4";
-        secure["brenholtcloudapikey"] = "";
-        s["credentials.connection_opcua.port"] = std::to_string(port);
-        s["credentials.connection_opcua.server_name"] = "";
-        s["credentials.connection_security.security_mode"] = "none";
-        s["credentials.connection_security.security_policy"] = "none";
-        s["credentials.connection_security.client_certificate"] = "";
-        s["credentials.connection_security.client_key"] = "";
-        secure["credentials.connection_security.client_key_password"] = "";
-        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-        s["credentials.user_authentication.user"] = "";
-        secure["credentials.user_authentication.password"] = "";
+        auto d = test_support::credential_data("beckhoff_ipc_system_status_sensor", port);
+        (*d.mutable_settings())["logging"] = "enabled";
         return d;
     }
 
@@ -94,8 +65,6 @@ protected:
     }
 
     static opcua_sim::server* server_;
-    fs::path log_dir_;
-    std::unique_ptr<miniprobe::probe_host> host_;
 };
 
 opcua_sim::server* BeckhoffSensor::server_ = nullptr;

@@ -20,6 +20,7 @@
 #include "opcua_sim/diagnostics.h"
 #include "opcua_sim/server.h"
 #include "probe_host.h"
+#include "support/module_session.h"
 #include "vuro.pb.h"
 
 namespace fs = std::filesystem;
@@ -112,7 +113,7 @@ struct sent {
     }
 };
 
-class ServerStatusSensor : public ::testing::Test {
+class ServerStatusSensor : public test_support::module_session {
 protected:
     static void SetUpTestSuite() {
         opcua_sim::options o;
@@ -125,44 +126,14 @@ protected:
     static void TearDownTestSuite() { delete server_; }
 
     void SetUp() override {
-        log_dir_ = fs::temp_directory_path() / ("opcua-status-" + std::to_string(::getpid()) + "-" +
-                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(log_dir_);
-        fs::create_directories(log_dir_);
-        setenv("VURO_LOG_DIR", log_dir_.c_str(), 1);
         opcua_sim::diagnostics_set_enabled(*server_, false);
-        host_ = std::make_unique<miniprobe::probe_host>(OPCUA_MODULE_PATH);
-        ASSERT_EQ(host_->initialize(), 0);
-    }
-    void TearDown() override {
-        host_->cleanup();
-        host_.reset();
-        unsetenv("VURO_LOG_DIR");
-        fs::remove_all(log_dir_);
+        module_session::SetUp();
     }
 
     // known: the channels the probe already holds for this sensor, id to name.
     static brenholt::vuro::wire::SensorData data(std::uint16_t port, const std::map<int, std::string>& known = {}) {
-        brenholt::vuro::wire::SensorData d;
-        d.set_kind("server_status_sensor");
-        auto& s = *d.mutable_settings();
-        auto& secure = *d.mutable_secure_settings();
-        s["host"] = "127.0.0.1";
-        s["logging"] = "enabled";
-        s["interval"] = "60";
-        s["timeout"] = "10";
-        s["ipversion"] = "IPv4";
-        secure["brenholtcloudapikey"] = "";
-        s["credentials.connection_opcua.port"] = std::to_string(port);
-        s["credentials.connection_opcua.server_name"] = "";
-        s["credentials.connection_security.security_mode"] = "none";
-        s["credentials.connection_security.security_policy"] = "none";
-        s["credentials.connection_security.client_certificate"] = "";
-        s["credentials.connection_security.client_key"] = "";
-        secure["credentials.connection_security.client_key_password"] = "";
-        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-        s["credentials.user_authentication.user"] = "";
-        secure["credentials.user_authentication.password"] = "";
+        auto d = test_support::credential_data("server_status_sensor", port);
+        (*d.mutable_settings())["logging"] = "enabled";
         for (const auto& [id, name] : known) (*d.mutable_channels())[id] = name;
         return d;
     }
@@ -187,9 +158,8 @@ protected:
     std::vector<int> requests(int id) const {
         static const std::regex request("Requesting ([0-9]+) nodes\\.$");
         std::vector<int> out;
-        std::ifstream in(log_dir_ / ("sensor_" + std::to_string(id) + ".log"));
         std::smatch m;
-        for (std::string line; std::getline(in, line);)
+        for (const std::string& line : sensor_log(id))
             if (std::regex_search(line, m, request)) out.push_back(std::stoi(m[1]));
         return out;
     }
@@ -200,8 +170,6 @@ protected:
 
     static opcua_sim::server* server_;
     static std::chrono::steady_clock::time_point started_;
-    fs::path log_dir_;
-    std::unique_ptr<miniprobe::probe_host> host_;
 };
 
 opcua_sim::server* ServerStatusSensor::server_ = nullptr;
