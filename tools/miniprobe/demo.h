@@ -6,9 +6,9 @@
 
 namespace miniprobe {
 
-// Starts opcua-sim in this process on a free loopback port and runs the module's
-// checks against it, printing a readable summary. Returns the number of steps that
-// did not end as expected.
+// Starts two opcua-sim servers in this process on free loopback ports (a plant server
+// and a Beckhoff IPC) and runs every check and every sensor of the module against them,
+// printing a readable summary. Returns the number of steps that did not end as expected.
 int run_demo(probe_host& host, std::ostream& out);
 
 }  // namespace miniprobe
