@@ -44,16 +44,12 @@ void set_lower_limits(dynamic_channel_options& options, double warning, double e
 certificate_sensor::certificate_sensor(
     libvurohelper::sensors::sensor_parameters<settings::certificate_sensor> params)
     : sensor_base(std::move(params)) {
-    try {
+    create_or_report([this] {
         const client_settings key = create_client_settings(settings);
         get_opcua_client(key);
         client->add_logger(log_ptr(), liblog::debug);
         define_channels();
-    } catch (const libi18n::i18n_exception& e) {
-        log(std::string("Exception during creation of OPC-UA client: ") + e.what(), liblog::error);
-        send_error_result(e);
-        throw;
-    }
+    });
 }
 
 certificate_sensor::~certificate_sensor() {

@@ -39,18 +39,14 @@ double parse_double(const std::string& text) {
 
 custom_sensor::custom_sensor(libvurohelper::sensors::sensor_parameters<settings::custom_sensor> params)
     : sensor_base(std::move(params)) {
-    try {
+    create_or_report([this] {
         const client_settings key = create_client_settings(settings);
         get_opcua_client(key);
         client->add_logger(log_ptr(), liblog::debug);
         create_sensor_message_node();
         create_channel_nodes();
         define_channels();
-    } catch (const libi18n::i18n_exception& e) {
-        log(std::string("Exception during creation of OPC-UA client: ") + e.what(), liblog::error);
-        send_error_result(e);
-        throw;
-    }
+    });
 }
 
 custom_sensor::~custom_sensor() {

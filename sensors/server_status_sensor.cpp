@@ -123,17 +123,13 @@ dynamic_channel_options cumulative_count_channel(int id) {
 server_status_sensor::server_status_sensor(
     libvurohelper::sensors::sensor_parameters<settings::server_status_sensor> params)
     : sensor_base(std::move(params)) {
-    try {
+    create_or_report([this] {
         const client_settings key = create_client_settings(settings);
         get_opcua_client(key);
         client->add_logger(log_ptr(), liblog::debug);
         define_status_channels();
         create_nodes();
-    } catch (const libi18n::i18n_exception& e) {
-        log(std::string("Exception during creation of OPC-UA client: ") + e.what(), liblog::error);
-        send_error_result(e);
-        throw;
-    }
+    });
 }
 
 server_status_sensor::~server_status_sensor() {

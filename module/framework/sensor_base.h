@@ -106,6 +106,19 @@ protected:
         send_result(result);
     }
 
+    // Runs the creation steps of a sensor. A failure is logged, answered with an error
+    // result and raised again, so the probe learns of it through both roads.
+    template <typename Steps>
+    void create_or_report(Steps&& steps) {
+        try {
+            steps();
+        } catch (const libi18n::i18n_exception& e) {
+            log(std::string("Exception during creation of OPC-UA client: ") + e.what(), liblog::error);
+            send_error_result(e);
+            throw;
+        }
+    }
+
     // Tells the probe about a channel once; a channel the probe already knows is
     // registered here but not sent again.
     void define_channel(const channels::dynamic_channel_options& options) {

@@ -122,7 +122,7 @@ const char* dispatcher_code_text(int code) {
     switch (code) {
         case 0: return "done";
         case 1: return "the sensor data names no sensor or check";
-        case 2: return "the call failed with an exception (see the runtime log)";
+        case 2: return "the call failed with an exception (a setting the module could not parse, or the failure in the result above; the runtime log lacks the End banner)";
         case 3: return "the module is not initialised";
         case 4: return "the module binds nothing under this name";
         case 5: return "no sensor with this id";
