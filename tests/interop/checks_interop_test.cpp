@@ -3,21 +3,15 @@
 // configuration with a table of cases: one server start per configuration.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "node_server.h"
-#include "probe_host.h"
+#include "support/module_session.h"
 #include "support/test_pki.h"
-#include "vuro.pb.h"
 
-namespace fs = std::filesystem;
 namespace pki = brenholt::monitoring_modules::test_pki;
 using nlohmann::json;
 using settings_map = std::map<std::string, std::string>;
@@ -90,27 +84,13 @@ json endpoint_set(const json& ready) {
     return set;
 }
 
-class InteropChecks : public ::testing::Test {
+class InteropChecks : public test_support::module_session {
 protected:
     void SetUp() override {
-        const std::string missing = interop::node_opcua_missing();
         // CI installs node-opcua; a missing one is a broken setup, not a reason to skip.
+        const std::string missing = interop::node_opcua_missing();
         ASSERT_TRUE(missing.empty()) << missing;
-
-        log_dir_ = fs::temp_directory_path() / ("opcua-interop-log-" + std::to_string(::getpid()) + "-" +
-                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(log_dir_);
-        fs::create_directories(log_dir_);
-        setenv("VURO_LOG_DIR", log_dir_.c_str(), 1);
-        host_ = std::make_unique<miniprobe::probe_host>(OPCUA_MODULE_PATH);
-        ASSERT_EQ(host_->initialize(), 0);
-    }
-    void TearDown() override {
-        if (host_) host_->cleanup();
-        host_.reset();
-        unsetenv("VURO_LOG_DIR");
-        std::error_code ec;
-        fs::remove_all(log_dir_, ec);
+        module_session::SetUp();
     }
 
     // Starts a server and waits until it listens; fails the test with the server's own
@@ -121,44 +101,19 @@ protected:
         return server;
     }
 
-    // Every setting the probe sends for a check, at the definition's defaults.
-    static brenholt::vuro::wire::SensorData data(const std::string& kind, int port, const settings_map& changes) {
-        brenholt::vuro::wire::SensorData d;
-        d.set_kind(kind);
-        auto& s = *d.mutable_settings();
-        auto& secure = *d.mutable_secure_settings();
-        s["host"] = "127.0.0.1";
-        s["logging"] = "disabled";
-        s["interval"] = "60";
-        s["timeout"] = "10";
-        s["ipversion"] = "IPv4";
-        secure["brenholtcloudapikey"] = "";
-        s["credentials.connection_opcua.port"] = std::to_string(port);
-        s["credentials.connection_opcua.server_name"] = "";
-        s["credentials.connection_security.security_mode"] = "none";
-        s["credentials.connection_security.security_policy"] = "none";
-        s["credentials.connection_security.client_certificate"] = "";
-        s["credentials.connection_security.client_key"] = "";
-        secure["credentials.connection_security.client_key_password"] = "";
-        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-        s["credentials.user_authentication.user"] = "";
-        secure["credentials.user_authentication.password"] = "";
-        for (const auto& [k, v] : changes) (secure.count(k) ? secure[k] : s[k]) = v;
-        return d;
-    }
-
     check_outcome run(const std::string& kind, int port, const settings_map& changes) {
         check_outcome out;
-        out.code = host_->check(3, data(kind, port, changes));
+        auto data = test_support::credential_data(kind, port);
+        for (const auto& [key, value] : changes) test_support::put(data, key, value);
+        out.code = host_->check(3, data);
         for (const auto& m : host_->take_messages()) {
             if (m.type != "CHECK_RESULT") continue;
             ++out.results;
             EXPECT_EQ(m.body.at("check_id"), 3);
             out.success = m.body.at("success").get<bool>();
         }
-        std::ifstream in(log_dir_ / "runtime.log");
         std::size_t seen = 0;
-        for (std::string line; std::getline(in, line);) {
+        for (const std::string& line : runtime_log()) {
             const auto at = line.find(" EMERGENCY ");
             if (at == std::string::npos) continue;
             if (seen++ >= emergency_seen_) out.emergency_lines.push_back(line.substr(at + 11));
@@ -184,8 +139,6 @@ protected:
         }
     }
 
-    fs::path log_dir_;
-    std::unique_ptr<miniprobe::probe_host> host_;
     std::size_t emergency_seen_ = 0;
 };
 

@@ -3,19 +3,14 @@
 // node-opcua takes seconds to come up, and ctest runs each TEST in its own process.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "node_server.h"
-#include "probe_host.h"
-#include "vuro.pb.h"
+#include "support/module_session.h"
 
-namespace fs = std::filesystem;
 using nlohmann::json;
 using nlohmann::ordered_json;
 
@@ -49,50 +44,20 @@ struct sensor_case {
     std::string message_text;  // checked when not empty
 };
 
-class InteropCustomSensor : public ::testing::Test {
+class InteropCustomSensor : public test_support::module_session {
 protected:
     void SetUp() override {
         const std::string missing = interop::node_opcua_missing();
         ASSERT_TRUE(missing.empty()) << missing;
-        log_dir_ = fs::temp_directory_path() / ("opcua-interop-custom-" + std::to_string(::getpid()) + "-" +
-                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(log_dir_);
-        fs::create_directories(log_dir_);
-        setenv("VURO_LOG_DIR", log_dir_.c_str(), 1);
-        host_ = std::make_unique<miniprobe::probe_host>(OPCUA_MODULE_PATH);
-        ASSERT_EQ(host_->initialize(), 0);
-    }
-    void TearDown() override {
-        if (host_) host_->cleanup();
-        host_.reset();
-        unsetenv("VURO_LOG_DIR");
-        std::error_code ec;
-        fs::remove_all(log_dir_, ec);
+        module_session::SetUp();
     }
 
     // Every setting the probe sends for a custom sensor; channels not listed are disabled.
     static brenholt::vuro::wire::SensorData data(int port, const std::map<int, std::string>& channels,
                                                   const std::string& message_node) {
-        brenholt::vuro::wire::SensorData d;
-        d.set_kind("custom_sensor");
+        auto d = test_support::credential_data("custom_sensor", port);
         auto& s = *d.mutable_settings();
-        auto& secure = *d.mutable_secure_settings();
-        s["host"] = "127.0.0.1";
         s["logging"] = "enabled";
-        s["interval"] = "60";
-        s["timeout"] = "10";
-        s["ipversion"] = "IPv4";
-        secure["brenholtcloudapikey"] = "";
-        s["credentials.connection_opcua.port"] = std::to_string(port);
-        s["credentials.connection_opcua.server_name"] = "";
-        s["credentials.connection_security.security_mode"] = "none";
-        s["credentials.connection_security.security_policy"] = "none";
-        s["credentials.connection_security.client_certificate"] = "";
-        s["credentials.connection_security.client_key"] = "";
-        secure["credentials.connection_security.client_key_password"] = "";
-        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-        s["credentials.user_authentication.user"] = "";
-        secure["credentials.user_authentication.password"] = "";
         s["custom.sensor_message_custom.nodeid"] = message_node;
         for (int n = 1; n <= 10; ++n) {
             const std::string c = prefix + std::to_string(n);
@@ -113,9 +78,6 @@ protected:
             if (m.type == type) out.push_back(m.body);
         return out;
     }
-
-    fs::path log_dir_;
-    std::unique_ptr<miniprobe::probe_host> host_;
 };
 
 TEST_F(InteropCustomSensor, DefinesAndReadsEveryKindFromNodeOpcua) {

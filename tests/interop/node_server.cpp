@@ -105,38 +105,65 @@ node_server::~node_server() {
     fs::remove_all(dir_, ec);
 }
 
-const nlohmann::json& node_server::wait_ready(std::chrono::milliseconds limit) {
-    if (!ready_.is_null()) return ready_;
-    const auto deadline = clock_type::now() + limit;
-    while (stdout_fd_ >= 0) {
+nlohmann::json node_server::next_object(clock_type::time_point deadline) {
+    for (;;) {
+        if (const auto eol = pending_.find('\n'); eol != std::string::npos) {
+            auto parsed = nlohmann::json::parse(pending_.substr(0, eol), nullptr, false);
+            pending_.erase(0, eol + 1);
+            if (parsed.is_object()) return parsed;
+            continue;
+        }
+        if (stdout_fd_ < 0) return nullptr;
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
-        if (left.count() <= 0) break;
+        if (left.count() <= 0) return nullptr;
         pollfd p{stdout_fd_, POLLIN, 0};
         const int n = ::poll(&p, 1, static_cast<int>(left.count()));
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+        if (n <= 0) return nullptr;
         char buffer[4096];
         const ssize_t got = ::read(stdout_fd_, buffer, sizeof buffer);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) {
             close_fd(stdout_fd_);
-            break;
+            continue;
         }
         pending_.append(buffer, static_cast<std::size_t>(got));
-        for (auto eol = pending_.find('\n'); eol != std::string::npos; eol = pending_.find('\n')) {
-            const std::string line = pending_.substr(0, eol);
-            pending_.erase(0, eol + 1);
-            const auto parsed = nlohmann::json::parse(line, nullptr, false);
-            if (!parsed.is_object() || !parsed.contains("ready")) continue;
-            if (!parsed.at("ready").get<bool>())
-                throw std::runtime_error("node-opcua server failed: " + parsed.value("error", std::string()) +
-                                         error_output());
-            ready_ = parsed;
-            return ready_;
-        }
+    }
+}
+
+const nlohmann::json& node_server::wait_ready(std::chrono::milliseconds limit) {
+    if (!ready_.is_null()) return ready_;
+    const auto deadline = clock_type::now() + limit;
+    for (auto line = next_object(deadline); !line.is_null(); line = next_object(deadline)) {
+        if (!line.contains("ready")) continue;
+        if (!line.at("ready").get<bool>())
+            throw std::runtime_error("node-opcua server failed: " + line.value("error", std::string()) +
+                                     error_output());
+        ready_ = line;
+        return ready_;
     }
     throw std::runtime_error("node-opcua server did not report ready within " + std::to_string(limit.count()) +
                              " ms" + error_output());
+}
+
+void node_server::command(const nlohmann::json& line, std::chrono::milliseconds limit) {
+    wait_ready();
+    const std::string text = line.dump() + "\n";
+    // MSG_NOSIGNAL is for sockets only; a child gone away must fail the test, not kill it.
+    ::signal(SIGPIPE, SIG_IGN);
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t n = stdin_fd_ < 0 ? -1 : ::write(stdin_fd_, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0)
+            throw std::runtime_error("cannot send " + line.dump() + " to the node-opcua server" + error_output());
+        done += static_cast<std::size_t>(n);
+    }
+    const auto answer = next_object(clock_type::now() + limit);
+    if (answer.is_null() || !answer.contains("ok"))
+        throw std::runtime_error("no answer to " + line.dump() + " from the node-opcua server" + error_output());
+    if (!answer.at("ok").get<bool>())
+        throw std::runtime_error("node-opcua server refused " + line.dump() + ": " +
+                                 answer.value("error", std::string()));
 }
 
 bool node_server::stop() {

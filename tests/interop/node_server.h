@@ -2,8 +2,8 @@
 
 // Runs tests/interop/server.js (a node-opcua server) as a child process for the length
 // of a test. The child reads its options as one JSON argument, prints one JSON line
-// when it listens, and stops when its stdin closes, so it dies with this process even
-// when a test crashes.
+// when it listens, then answers JSON commands on its stdin, and stops when its stdin
+// closes, so it dies with this process even when a test crashes.
 
 #include <sys/types.h>
 
@@ -26,8 +26,14 @@ public:
     node_server& operator=(const node_server&) = delete;
 
     // Waits for the ready line, at most `limit`; raises std::runtime_error with the
-    // child's error output when it does not come. Returns the ready line.
-    const nlohmann::json& wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(30));
+    // child's error output when it does not come. Returns the ready line. node-opcua
+    // makes a key pair at each start, which takes tens of seconds on a busy machine.
+    const nlohmann::json& wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(90));
+
+    // Sends one command line ({"diagnostics":false}, {"set":{...}}) and waits for its
+    // answer, after which the change is in effect; raises std::runtime_error when the
+    // server refuses it or does not answer within `limit`.
+    void command(const nlohmann::json& line, std::chrono::milliseconds limit = std::chrono::seconds(10));
 
     int port() const { return ready_.at("port").get<int>(); }
     const nlohmann::json& ready() const { return ready_; }
@@ -39,6 +45,9 @@ public:
 
 private:
     std::string error_output() const;
+    // The next line on the child's stdout that parses as a JSON object, or null when
+    // none comes before the deadline or the child closes its output.
+    nlohmann::json next_object(std::chrono::steady_clock::time_point deadline);
 
     std::filesystem::path dir_;
     pid_t pid_ = -1;

@@ -7,16 +7,26 @@
 // When the server listens it prints one JSON line on stdout:
 //   {"ready":true,"port":N,"endpointUrl":"opc.tcp://...","endpoints":[{"endpointUrl":..,
 //    "securityMode":"Sign","securityPolicy":"Basic256Sha256","userTokens":[policy ids]}, ...],
-//    "namespaces":{"<section>":index, ...}}
-// On a fatal error it prints {"ready":false,"error":"..."} and exits with 1. Nothing else
-// goes to stdout, so the test can read it line by line; node-opcua's own messages go to
-// stderr, and only when "verbose" is set.
+//    "namespaces":{"<section>":index, ...},
+//    "certificate":{"thumbprint":"<sha1 hex>","notAfter":<epoch s>,"keyBits":N,"commonName":"..",
+//                   "chain":N}}
+// On a fatal error it prints {"ready":false,"error":"..."} and exits with 1.
+//
+// While it runs it takes one JSON command per line on stdin and answers each with one
+// line, {"ok":true} or {"ok":false,"error":"..."}, once the change is in effect:
+//   {"diagnostics":false}             Server.ServerDiagnostics on or off
+//   {"set":{"raid_state":3,...}}      Beckhoff values (see beckhoffTypes)
+//   {"set":{"memory":{"size":N,"available":N}}}  both memory pairs, as the device fills them
+// Nothing else goes to stdout, so the test can read it line by line; node-opcua's own
+// messages go to stderr, and only when "verbose" is set.
 //
 // It stops on SIGTERM, SIGINT or when stdin closes, so it never outlives the process
 // that started it.
 
+import crypto from "node:crypto";
 import fs from "node:fs";
 import path from "node:path";
+import readline from "node:readline";
 import {
     OPCUAServer,
     OPCUACertificateManager,
@@ -52,6 +62,12 @@ const defaults = {
     applicationUri: "urn:kolv:interop:node-opcua",
     productUri: "urn:kolv:interop:node-opcua",
     applicationName: "KOLV interop node-opcua",
+    // PEM files of the server's own certificate and key; without them node-opcua makes a
+    // self-signed pair in pkiDir.
+    certificateFile: null,
+    privateKeyFile: null,
+    // Server.ServerDiagnostics.EnabledFlag at start; node-opcua's default is on.
+    diagnostics: true,
     verbose: false
 };
 
@@ -61,7 +77,9 @@ const defaults = {
 // namespace of its own returns its index, which the ready line reports under
 // "namespaces" by the option's name: node-opcua hands out indexes in the order
 // namespaces are registered, so a test must not assume one.
+// Beckhoff first: its ids are fixed to namespace 2, so it must register before any other.
 const addressSpaceSections = {
+    beckhoff: buildBeckhoff,
     custom: buildCustom
 };
 
@@ -125,6 +143,100 @@ function buildCustom(addressSpace, _ownNamespace, value) {
     add("DoubleArray", "Double", new Float64Array([0.5, -1.25, 1e300]), true);
     add("SensorMessage", "String", "Pump 3 running");
     return namespace.index;
+}
+
+// The nine variables of a Beckhoff industrial PC under fixed ids in namespace 2, in the
+// data types the device (and opcua-sim) uses. Option value: true, or an object of
+// initial values as for the "set" command.
+const beckhoffNamespaceUri = "urn:kolv:interop:beckhoff";
+const beckhoffTypes = {
+    cpu_load: ["CPU|CPU0|0x8nn1|0x02", "UInt16"],
+    cpu_temperature: ["CPU|CPU0|0x8nn1|0x03", "Int16"],
+    mainboard_temperature: ["MAINBOARD|MAINBOARD|0x8nn1|0x0a", "Int16"],
+    memory_size: ["Memory|Memory|0x8nn1|0x01", "UInt32"],
+    memory_available: ["Memory|Memory|0x8nn1|0x02", "UInt32"],
+    memory_size_wide: ["Memory|Memory|0x8nn1|0x06", "UInt64"],
+    memory_available_wide: ["Memory|Memory|0x8nn1|0x07", "UInt64"],
+    raid_state: ["RAID Controller|Scsi0:|0x8nn1|0x01", "UInt16"],
+    raid_offline_reason: ["RAID Controller|Scsi0:|0x8nn1|0x02", "UInt16"]
+};
+const integerRanges = {
+    UInt16: [0n, 0xffffn],
+    Int16: [-0x8000n, 0x7fffn],
+    UInt32: [0n, 0xffffffffn],
+    UInt64: [0n, (1n << 64n) - 1n]
+};
+// Where the narrow pair sticks once memory outgrows 31 bits.
+const narrowSaturated = 0x7fffffffn;
+const beckhoff = {
+    cpu_load: 12n, cpu_temperature: 45n, mainboard_temperature: 38n,
+    memory_size: 4096n, memory_available: 1024n, memory_size_wide: 4096n, memory_available_wide: 1024n,
+    raid_state: 1n, raid_offline_reason: 0n
+};
+
+// Checks everything before changing anything, so a bad command leaves the values alone.
+// Numbers above 2^53 come as decimal strings.
+function setBeckhoff(values) {
+    if (values === null || typeof values !== "object" || Array.isArray(values)) throw new Error("set takes an object");
+    const next = { ...beckhoff };
+    for (const [key, value] of Object.entries(values)) {
+        if (key === "memory") {
+            const size = BigInt(value.size), available = BigInt(value.available);
+            next.memory_size = size < narrowSaturated ? size : narrowSaturated;
+            next.memory_available = available < narrowSaturated ? available : narrowSaturated;
+            next.memory_size_wide = size;
+            next.memory_available_wide = available;
+            continue;
+        }
+        if (!(key in beckhoffTypes)) throw new Error(`unknown Beckhoff value "${key}"`);
+        next[key] = BigInt(value);
+    }
+    for (const [key, [, type]] of Object.entries(beckhoffTypes)) {
+        const [low, high] = integerRanges[type];
+        if (next[key] < low || next[key] > high) throw new Error(`${key} ${next[key]} does not fit ${type}`);
+    }
+    Object.assign(beckhoff, next);
+}
+
+function buildBeckhoff(addressSpace, _ownNamespace, value) {
+    if (value !== true) setBeckhoff(value);
+    const namespace = addressSpace.registerNamespace(beckhoffNamespaceUri);
+    if (namespace.index !== 2) fail(`Beckhoff namespace got index ${namespace.index}, the device's ids need 2`);
+    const folder = namespace.addFolder(addressSpace.rootFolder.objects, { browseName: "Modules", nodeId: "s=Modules" });
+    for (const [key, [id, type]] of Object.entries(beckhoffTypes)) {
+        namespace.addVariable({
+            organizedBy: folder,
+            browseName: key,
+            nodeId: `s=Modules|${id}`,
+            dataType: type,
+            accessLevel: "CurrentRead",
+            userAccessLevel: "CurrentRead",
+            value: {
+                get: () =>
+                    new Variant({
+                        dataType: DataType[type],
+                        arrayType: VariantArrayType.Scalar,
+                        value: type === "UInt64" ? int64Words(beckhoff[key]) : Number(beckhoff[key])
+                    })
+            }
+        });
+    }
+    return namespace.index;
+}
+
+// What the certificate sensor must find, from the chain node-opcua serves: its endpoints
+// carry the whole chain, concatenated, and the first certificate is the server's own.
+function describeCertificate(chain) {
+    const der = chain[0];
+    const x509 = new crypto.X509Certificate(der);
+    const commonName = /^CN=(.*)$/m.exec(x509.subject);
+    return {
+        thumbprint: crypto.createHash("sha1").update(der).digest("hex"),
+        notAfter: Math.round(Date.parse(x509.validTo) / 1000),
+        keyBits: x509.publicKey.asymmetricKeyDetails.modulusLength,
+        commonName: commonName ? commonName[1] : null,
+        chain: chain.length
+    };
 }
 
 function fail(message) {
@@ -199,6 +311,8 @@ async function main() {
 
     const users = new Map(options.users.map((u) => [u.user, u.password]));
     const server = new OPCUAServer({
+        ...(options.certificateFile ? { certificateFile: options.certificateFile } : {}),
+        ...(options.privateKeyFile ? { privateKeyFile: options.privateKeyFile } : {}),
         port: options.port,
         host: options.host,
         hostname: options.hostname,
@@ -234,9 +348,27 @@ async function main() {
     };
     process.on("SIGTERM", () => stop(0));
     process.on("SIGINT", () => stop(0));
-    process.stdin.on("end", () => stop(0));
+    let started = false;
+    const commands = readline.createInterface({ input: process.stdin });
+    commands.on("line", (line) => {
+        const answer = (reply) => process.stdout.write(JSON.stringify(reply) + "\n");
+        try {
+            if (!started) throw new Error("the server is not ready yet");
+            const command = JSON.parse(line);
+            if (typeof command.diagnostics === "boolean") {
+                server.engine.serverDiagnosticsEnabled = command.diagnostics;
+            } else if (command.set !== undefined) {
+                setBeckhoff(command.set);
+            } else {
+                throw new Error(`unknown command ${line}`);
+            }
+            answer({ ok: true });
+        } catch (e) {
+            answer({ ok: false, error: String(e.message || e) });
+        }
+    });
+    commands.on("close", () => stop(0));
     process.stdin.on("error", () => stop(0));
-    process.stdin.resume();
 
     await server.initialize();
     const addressSpace = server.engine.addressSpace;
@@ -247,7 +379,9 @@ async function main() {
         const index = build(addressSpace, namespace, options[key]);
         if (index !== undefined) namespaces[key] = index;
     }
+    server.engine.serverDiagnosticsEnabled = options.diagnostics;
     await server.start();
+    started = true;
 
     // What GetEndpoints returns. With "None" left out of securityModes node-opcua still
     // opens a None channel for discovery, but marks it restricted and never lists it.
@@ -267,7 +401,8 @@ async function main() {
             port,
             endpointUrl: `opc.tcp://${options.hostname}:${port}`,
             endpoints,
-            namespaces
+            namespaces,
+            certificate: describeCertificate(server.getCertificateChain())
         }) + "\n"
     );
 }
