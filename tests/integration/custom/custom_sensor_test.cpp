@@ -1,43 +1,41 @@
-// The custom sensor end to end: CreateSensorInstance and scans through the built
-// module against opcua-sim's custom address space.
+// The custom sensor end to end: the built module against opcua-sim's custom address space.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "integration/sensor_session.h"
 #include "opcua_sim/address_spaces.h"
 #include "opcua_sim/server.h"
-#include "support/module_session.h"
 
-namespace fs = std::filesystem;
-using nlohmann::ordered_json;
+using namespace integration;
 
 namespace {
 
 const std::string prefix = "custom.connection_custom.channel";
 
-class CustomSensor : public test_support::module_session {
+std::map<int, ordered_json> channels_of(const ordered_json& result) {
+    std::map<int, ordered_json> out;
+    for (const auto& c : result.at("channels")) out[c.at("channel_id").get<int>()] = c;
+    return out;
+}
+
+class CustomSensor : public sensor_session {
 protected:
     static void SetUpTestSuite() {
         opcua_sim::options o;
-        o.certificate.generate.key_bits = 2048;
         o.address_spaces.push_back(opcua_sim::custom_address_space());
         server_ = new opcua_sim::server(o);
         server_->start();
     }
     static void TearDownTestSuite() { delete server_; }
 
-    // channels: channel number -> NodeID text; every other channel disabled.
+    // channels: channel number to NodeID text; every other channel disabled.
     static brenholt::vuro::wire::SensorData data(const std::map<int, std::string>& channels,
                                                   const std::map<std::string, std::string>& changes = {}) {
-        auto d = test_support::credential_data("custom_sensor", server_->port());
+        auto d = sensor_data("custom_sensor", server_->port());
         auto& s = *d.mutable_settings();
-        s["logging"] = "enabled";
         s["custom.sensor_message_custom.nodeid"] = "";
         for (int n = 1; n <= 10; ++n) {
             const std::string c = prefix + std::to_string(n);
@@ -52,124 +50,70 @@ protected:
         return d;
     }
 
-    std::vector<ordered_json> messages_of(const std::string& type) {
-        std::vector<ordered_json> out;
-        for (auto& m : pending_)
-            if (m.type == type) out.push_back(m.body);
-        return out;
-    }
-    void collect() {
-        auto more = host_->take_messages();
-        pending_.insert(pending_.end(), more.begin(), more.end());
-    }
     static opcua_sim::server* server_;
-    std::vector<miniprobe::received_message> pending_;
 };
 
 opcua_sim::server* CustomSensor::server_ = nullptr;
 
-std::map<int, ordered_json> values_of(const ordered_json& result) {
-    std::map<int, ordered_json> out;
-    for (const auto& c : result.at("channels")) out[c.at("channel_id").get<int>()] = c;
-    return out;
-}
+TEST_F(CustomSensor, EnabledChannelsAloneAreDefinedAndDeliverValues) {
+    ASSERT_EQ(host_->create_sensor(1, data({{1, "ns=2;s=Int32"}, {2, "ns=2;s=BooleanFalse"},
+                                            {4, "'ns=2;s=DoubleArray'[1]"}},
+                                           {{prefix + "2_unit", "kg"}})),
+              0);
+    const auto defs = take().definitions;
+    ASSERT_EQ(defs.size(), 3u);
+    expect_fields(defs[0],
+                  {{"id", 1}, {"name", "channel.channel_1"}, {"display_name", "Custom Int32"}, {"value_mode", 1}});
+    // A boolean gets the lookup, and a lookup leaves no room for a unit.
+    expect_fields(defs[1], {{"id", 2}, {"lookup", "positive_boolean_lookup"}, {"unit", 0}, {"custom_unit", "kg"}});
+    expect_fields(defs[2], {{"id", 4}, {"value_mode", 3}});
 
-TEST_F(CustomSensor, ChannelsOneAndFourDefineOnlyTheirIdsAndDeliverValues) {
-    ASSERT_EQ(host_->create_sensor(1, data({{1, "ns=2;s=Int32"}, {4, "'ns=2;s=DoubleArray'[1]"}})), 0);
-    collect();
-    const auto defs = messages_of("DYNAMIC_CHANNEL");
-    ASSERT_EQ(defs.size(), 2u);
-    EXPECT_EQ(defs[0].at("id"), 1);
-    EXPECT_EQ(defs[0].at("name"), "channel.channel_1");
-    EXPECT_EQ(defs[0].at("display_name"), "Custom Int32");
-    EXPECT_EQ(defs[0].at("value_mode"), 1);
-    EXPECT_EQ(defs[1].at("id"), 4);
-    EXPECT_EQ(defs[1].at("value_mode"), 3);
-
-    for (int scan = 0; scan < 2; ++scan) {
-        pending_.clear();
-        ASSERT_EQ(host_->scan(1), 0);
-        collect();
-        const auto results = messages_of("SENSOR_SCAN_RESULT");
-        ASSERT_EQ(results.size(), 1u);
-        EXPECT_EQ(results[0].at("response_code"), 0);
-        EXPECT_EQ(results[0].at("message").at("text"), "OK");
-        const auto values = values_of(results[0]);
-        ASSERT_EQ(values.size(), 2u);
+    for (int n = 0; n < 2; ++n) {
+        const auto result = scan(1).result();
+        EXPECT_EQ(result.at("response_code"), 0);
+        EXPECT_EQ(result.at("message").at("text"), "OK");
+        const auto values = channels_of(result);
+        ASSERT_EQ(values.size(), 3u);
         EXPECT_EQ(values.at(1).at("integer"), "-123456");
-        EXPECT_TRUE(values.at(4).contains("floating"));
+        EXPECT_EQ(values.at(2).at("integer"), "0");
+        EXPECT_DOUBLE_EQ(values.at(4).at("floating").get<double>(), 2.5);
     }
-    // The first read asks for names and value of both nodes, later reads for the values only.
-    std::vector<std::string> requests;
-    for (const auto& line : sensor_log(1))
-        if (line.find("  Requesting ") != std::string::npos) requests.push_back(line.substr(line.find("Requesting")));
-    ASSERT_EQ(requests.size(), 3u);
-    EXPECT_EQ(requests[0], "Requesting 8 nodes.");
-    EXPECT_EQ(requests[1], "Requesting 2 nodes.");
-    EXPECT_EQ(requests[2], "Requesting 2 nodes.");
-    EXPECT_EQ(host_->destroy(1), 0);
+    // The first read asks for names and value of all nodes, later reads for the values only.
+    EXPECT_EQ(requests(1), (std::vector<int>{12, 3, 3}));
 }
 
-TEST_F(CustomSensor, BooleanChannelGetsTheLookupAndNoUnit) {
-    ASSERT_EQ(host_->create_sensor(2, data({{1, "ns=2;s=BooleanFalse"}}, {{prefix + "1_unit", "kg"}})), 0);
-    collect();
-    const auto defs = messages_of("DYNAMIC_CHANNEL");
-    ASSERT_EQ(defs.size(), 1u);
-    EXPECT_EQ(defs[0].at("lookup"), "positive_boolean_lookup");
-    EXPECT_EQ(defs[0].at("unit"), 0);
-    EXPECT_EQ(defs[0].at("custom_unit"), "kg");
-    pending_.clear();
-    ASSERT_EQ(host_->scan(2), 0);
-    collect();
-    EXPECT_EQ(values_of(messages_of("SENSOR_SCAN_RESULT").at(0)).at(1).at("integer"), "0");
-}
-
-TEST_F(CustomSensor, StringChannelsParseNumbersOrFailTheScan) {
+TEST_F(CustomSensor, StringValuesAndTheSensorMessage) {
+    const std::string empty_message = "The variable for the entered NodeID is empty.";
+    const std::string not_a_number =
+        "The sensor cannot parse the received data. The received data must be a numeric value.";
     const struct {
         const char* node;
+        const char* message_node;
         int response_code;
-        const char* key;  // prefix of the message key
-        double value;
+        std::string key;
+        std::string text;
+        const char* field;
+        ordered_json value;
     } cases[] = {
-        {"ns=2;s=StringNumber", 0, "OK", 12.5},
-        {"ns=2;s=StringText", 3, "#:error.conversion_failure[]", 0},
-        {"ns=2;s=StringHuge", 3, "stod", 0},
+        {"ns=2;s=StringNumber", "", 0, "OK", "OK", "floating", 12.5},
+        {"ns=2;s=StringText", "", 3, "#:error.conversion_failure[]", not_a_number, nullptr, nullptr},
+        {"ns=2;s=StringHuge", "", 3, "stod", "stod", nullptr, nullptr},
+        {"ns=2;s=Byte", "ns=2;s=SensorMessage", 0, "Machine running", "Machine running", "integer", "200"},
+        {"ns=2;s=Byte", "ns=2;s=SensorMessageEmpty", 0, "#:message.node_empty[]", empty_message, "integer", "200"},
     };
     int id = 10;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.node);
-        ASSERT_EQ(host_->create_sensor(id, data({{1, c.node}})), 0);
-        pending_.clear();
-        ASSERT_EQ(host_->scan(id), 0);
-        collect();
-        const auto results = messages_of("SENSOR_SCAN_RESULT");
-        ASSERT_EQ(results.size(), 1u);
-        EXPECT_EQ(results[0].at("response_code"), c.response_code);
-        EXPECT_EQ(results[0].at("message").at("key"), c.key);
-        if (c.response_code == 0) {
-            EXPECT_DOUBLE_EQ(values_of(results[0]).at(1).at("floating").get<double>(), c.value);
-        } else {
-            EXPECT_TRUE(results[0].at("channels").empty()) << "a failed scan reports no channel";
-        }
-        ++id;
-    }
-}
-
-TEST_F(CustomSensor, SensorMessageComesFromItsNodeOrSaysItIsEmpty) {
-    const struct {
-        const char* node;
-        const char* text;
-    } cases[] = {{"ns=2;s=SensorMessage", "Machine running"},
-                 {"ns=2;s=SensorMessageEmpty", "The variable for the entered NodeID is empty."}};
-    int id = 20;
-    for (const auto& c : cases) {
-        ASSERT_EQ(host_->create_sensor(id, data({{1, "ns=2;s=Byte"}}, {{"custom.sensor_message_custom.nodeid", c.node}})), 0);
-        pending_.clear();
-        ASSERT_EQ(host_->scan(id), 0);
-        collect();
-        const auto result = messages_of("SENSOR_SCAN_RESULT").at(0);
+        SCOPED_TRACE(std::string(c.node) + " " + c.message_node);
+        const auto d = data({{1, c.node}}, {{"custom.sensor_message_custom.nodeid", c.message_node}});
+        ASSERT_EQ(host_->create_sensor(id, d), 0);
+        const auto result = scan(id).result();
+        EXPECT_EQ(result.at("response_code"), c.response_code);
+        EXPECT_EQ(result.at("message").at("key"), c.key);
         EXPECT_EQ(result.at("message").at("text"), c.text);
-        EXPECT_EQ(values_of(result).at(1).at("integer"), "200");
+        if (c.field)
+            EXPECT_EQ(channels_of(result).at(1).at(c.field), c.value);
+        else
+            EXPECT_TRUE(result.at("channels").empty()) << "a failed scan reports no channel";
         ++id;
     }
 }
@@ -179,30 +123,25 @@ TEST_F(CustomSensor, RecreatedSensorWithKnownChannelsSendsNoDefinition) {
     (*d.mutable_channels())[1] = "My Int";
     (*d.mutable_channels())[2] = "My Double";
     ASSERT_EQ(host_->create_sensor(30, d), 0);
-    collect();
-    EXPECT_TRUE(messages_of("DYNAMIC_CHANNEL").empty());
-    ASSERT_EQ(host_->scan(30), 0);
-    collect();
-    EXPECT_EQ(values_of(messages_of("SENSOR_SCAN_RESULT").at(0)).size(), 2u);
+    EXPECT_TRUE(take().definitions.empty());
+    EXPECT_EQ(channels_of(scan(30).result()).size(), 2u);
 }
 
-TEST_F(CustomSensor, DroppedSessionIsReconnectedAndTheScanSucceeds) {
+TEST_F(CustomSensor, LostSessionIsRetriedOnceAndTheScanSucceeds) {
     ASSERT_EQ(host_->create_sensor(40, data({{1, "ns=2;s=Int32"}})), 0);
-    ASSERT_EQ(host_->scan(40), 0);
-    host_->take_messages();
+    EXPECT_EQ(scan(40).result().at("response_code"), 0);
     ASSERT_GE(server_->end_sessions(), 1u);
-    ASSERT_EQ(host_->scan(40), 0);
-    collect();
-    const auto results = messages_of("SENSOR_SCAN_RESULT");
-    ASSERT_EQ(results.size(), 1u);
-    EXPECT_EQ(results[0].at("response_code"), 0) << results[0].dump();
-    EXPECT_EQ(values_of(results[0]).at(1).at("integer"), "-123456");
+    const auto result = scan(40).result();
+    EXPECT_EQ(result.at("response_code"), 0) << result.dump();
+    EXPECT_EQ(channels_of(result).at(1).at("integer"), "-123456");
+    // The server's answer, not the connection test, found the session gone.
+    EXPECT_EQ(count_lines(40, "INFO", "perform one retry"), 1u);
 }
 
-TEST_F(CustomSensor, CreationFailureSendsAnErrorResultFirst) {
+TEST_F(CustomSensor, CreationFailureSendsAnErrorResultAndKeepsNoSensor) {
     const struct {
         const char* node;
-        const char* key;
+        const char* key;  // prefix of the message key
     } cases[] = {
         {"ns=2;x=Bad", "#:error.failed_to_parse_node_id[ns=2;x=Bad,"},
         {"ns=2;s=NoSuchNode", "#:error.nodeid_unknown[s=NoSuchNode]"},
@@ -211,14 +150,10 @@ TEST_F(CustomSensor, CreationFailureSendsAnErrorResultFirst) {
     int id = 50;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.node);
-        pending_.clear();
         EXPECT_EQ(host_->create_sensor(id, data({{1, c.node}})), 2);
-        collect();
-        const auto results = messages_of("SENSOR_SCAN_RESULT");
-        ASSERT_EQ(results.size(), 1u);
-        EXPECT_EQ(results[0].at("response_code"), 3);
-        EXPECT_EQ(results[0].at("message").at("key").get<std::string>().rfind(c.key, 0), 0u)
-            << results[0].at("message").at("key");
+        const auto result = take().result();
+        EXPECT_EQ(result.at("response_code"), 3);
+        EXPECT_EQ(result.at("message").at("key").get<std::string>().rfind(c.key, 0), 0u) << result.at("message");
         EXPECT_EQ(host_->scan(id), 5) << "no sensor stays behind";
         ++id;
     }

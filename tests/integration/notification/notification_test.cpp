@@ -1,5 +1,6 @@
 // The notification class on its own, with the factories a binding would register,
-// writing to variables of opcua-sim.
+// writing to variables of opcua-sim. Nothing in the module reaches it, so it is built
+// here rather than loaded.
 #include <gtest/gtest.h>
 
 #include <open62541/types.h>
@@ -9,6 +10,7 @@
 #include "libvurohelper/logging.h"
 #include "opcua_sim/server.h"
 #include "sensors/opcua_notification.h"
+#include "support/module_session.h"
 #include "vuro.pb.h"
 
 namespace mm = brenholt::monitoring_modules;
@@ -19,9 +21,7 @@ namespace {
 class Notification : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        opcua_sim::options o;
-        o.certificate.generate.key_bits = 2048;
-        server_ = new opcua_sim::server(o);
+        server_ = new opcua_sim::server(opcua_sim::options{});
         server_->start();
     }
     static void TearDownTestSuite() { delete server_; }
@@ -40,23 +40,16 @@ protected:
             }));
     }
 
-    static std::string request(const std::string& type, const std::string& target, const std::string& message,
-                               int log_level = 7) {
+    // Sends one request; what send_notification throws passes on.
+    void send(mm::opcua::opcua_notification& n, const std::string& type, const std::string& target,
+              const std::string& message, int log_level = 7) {
+        // The credentials as a sensor gets them; a notification names its host among them.
+        const auto credentials = test_support::credential_data("", server_->port());
         brenholt::vuro::wire::NotificationRequest r;
-        auto& s = *r.mutable_settings();
-        auto& secure = *r.mutable_secure_settings();
-        s["credentials.connection_opcua.host"] = "127.0.0.1";
-        s["credentials.connection_opcua.port"] = std::to_string(server_->port());
-        s["credentials.connection_opcua.server_name"] = "";
-        s["credentials.connection_security.security_mode"] = "none";
-        s["credentials.connection_security.security_policy"] = "none";
-        s["credentials.connection_security.client_certificate"] = "";
-        s["credentials.connection_security.client_key"] = "";
-        secure["credentials.connection_security.client_key_password"] = "";
-        s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-        s["credentials.user_authentication.user"] = "";
-        secure["credentials.user_authentication.password"] = "";
-        s["write.variable.type"] = type;
+        *r.mutable_settings() = credentials.settings();
+        *r.mutable_secure_settings() = credentials.secure_settings();
+        (*r.mutable_settings())["credentials.connection_opcua.host"] = "127.0.0.1";
+        (*r.mutable_settings())["write.variable.type"] = type;
         r.set_target(target);
         r.set_message(message);
         r.set_timeout_s(5);
@@ -64,12 +57,9 @@ protected:
         brenholt::vuro::wire::Envelope e;
         e.set_type(brenholt::vuro::wire::NOTIFICATION_REQUEST);
         e.set_payload(r.SerializeAsString());
-        return e.SerializeAsString();
-    }
-
-    void send(mm::opcua::opcua_notification& n, const std::string& bytes) {
-        mm::libvurohelper::notifications::request r(bytes.data(), static_cast<unsigned int>(bytes.size()));
-        n.send_notification(r);
+        const std::string bytes = e.SerializeAsString();
+        mm::libvurohelper::notifications::request request(bytes.data(), static_cast<unsigned int>(bytes.size()));
+        n.send_notification(request);
     }
 
     static std::vector<std::pair<int, std::string>> entries(mm::opcua::opcua_notification& n) {
@@ -84,13 +74,22 @@ protected:
         return out;
     }
 
-    static void set(const std::string& node, const UA_Variant& v) { server_->set_value(node, v); }
-
-    static UA_Variant read(const std::string& node) {
+    // Puts a variable of this type on the server, or reads it back.
+    template <typename T>
+    static void set(const std::string& node, T value, int type) {
+        UA_Variant v;
+        UA_Variant_setScalar(&v, &value, &UA_TYPES[type]);
+        server_->set_value(node, v);
+    }
+    template <typename T>
+    static T get(const std::string& node, int type) {
         UA_Variant v;
         UA_Variant_init(&v);
         EXPECT_EQ(server_->read_value(node, &v), UA_STATUSCODE_GOOD);
-        return v;
+        EXPECT_TRUE(UA_Variant_hasScalarType(&v, &UA_TYPES[type]));
+        const T value = v.data ? *static_cast<T*>(v.data) : T{};
+        UA_Variant_clear(&v);
+        return value;
     }
 
     static opcua_sim::server* server_;
@@ -99,61 +98,38 @@ protected:
 
 opcua_sim::server* Notification::server_ = nullptr;
 
-TEST_F(Notification, ResponseBeforeAnyNotificationIsEmpty) {
-    mm::opcua::opcua_notification n(services_);
-    EXPECT_TRUE(entries(n).empty());
-}
-
 TEST_F(Notification, BooleanIsTrueOnlyForTheExactWord) {
-    UA_Variant v;
-    UA_Boolean start = false;
-    UA_Variant_setScalar(&v, &start, &UA_TYPES[UA_TYPES_BOOLEAN]);
-    set("ns=1;s=Flag", v);
+    set<UA_Boolean>("ns=1;s=Flag", false, UA_TYPES_BOOLEAN);
     mm::opcua::opcua_notification n(services_);
-    for (const auto& [message, expected] : std::vector<std::pair<std::string, bool>>{
-             {"True", true}, {"true", false}, {"True", true}, {"1", false}}) {
-        SCOPED_TRACE(message);
-        send(n, request("Boolean", "ns=1;s=Flag", message));
-        UA_Variant got = read("ns=1;s=Flag");
-        ASSERT_EQ(got.type, &UA_TYPES[UA_TYPES_BOOLEAN]);
-        EXPECT_EQ(*static_cast<UA_Boolean*>(got.data), expected);
-        UA_Variant_clear(&got);
+    for (const auto& [message, expected] :
+         std::vector<std::pair<std::string, bool>>{{"True", true}, {"true", false}, {"True", true}, {"1", false}}) {
+        send(n, "Boolean", "ns=1;s=Flag", message);
+        EXPECT_EQ(get<UA_Boolean>("ns=1;s=Flag", UA_TYPES_BOOLEAN), expected) << message;
     }
-    const auto log = entries(n);
-    ASSERT_FALSE(log.empty());
-    EXPECT_EQ(log.front(), std::make_pair(7, std::string("### Begin send_notification ###")));
-    EXPECT_EQ(log.back(), std::make_pair(7, std::string("### End   send_notification ###")));
 }
 
 TEST_F(Notification, Integer64TakesTheLeadingNumberOrFailsWithTwoLines) {
-    UA_Variant v;
-    UA_Int64 start = 0;
-    UA_Variant_setScalar(&v, &start, &UA_TYPES[UA_TYPES_INT64]);
-    set("ns=1;s=Count", v);
+    set<UA_Int64>("ns=1;s=Count", 0, UA_TYPES_INT64);
     mm::opcua::opcua_notification n(services_);
-    send(n, request("Integer64", "ns=1;s=Count", "42abc"));
-    UA_Variant got = read("ns=1;s=Count");
-    EXPECT_EQ(*static_cast<UA_Int64*>(got.data), 42);
-    UA_Variant_clear(&got);
+    send(n, "Integer64", "ns=1;s=Count", "42abc");
+    EXPECT_EQ(get<UA_Int64>("ns=1;s=Count", UA_TYPES_INT64), 42);
 
-    EXPECT_THROW(send(n, request("Integer64", "ns=1;s=Count", "abc")), std::invalid_argument);
+    EXPECT_THROW(send(n, "Integer64", "ns=1;s=Count", "abc"), std::invalid_argument);
     std::vector<std::string> errors;
     for (const auto& [severity, text] : entries(n))
         if (severity == 3) errors.push_back(text);
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_EQ(errors[0], "could not parse value:\"abc\" to int64: stoll");
-    EXPECT_EQ(errors[1], "Exception in send_notification: stoll");
+    EXPECT_EQ(errors, (std::vector<std::string>{"could not parse value:\"abc\" to int64: stoll",
+                                                "Exception in send_notification: stoll"}));
+    EXPECT_EQ(get<UA_Int64>("ns=1;s=Count", UA_TYPES_INT64), 42);
 }
 
 TEST_F(Notification, LogLevelKeepsTheClientsDebugLinesOut) {
-    UA_Variant v;
-    UA_Double start = 0;
-    UA_Variant_setScalar(&v, &start, &UA_TYPES[UA_TYPES_DOUBLE]);
-    set("ns=1;s=Level", v);
+    set<UA_Double>("ns=1;s=Level", 0, UA_TYPES_DOUBLE);
     for (int level : {3, 7}) {
         SCOPED_TRACE(level);
         mm::opcua::opcua_notification n(services_);
-        send(n, request("FloatingPoint", "ns=1;s=Level", "2.5", level));
+        send(n, "FloatingPoint", "ns=1;s=Level", "2.5", level);
+        EXPECT_EQ(get<UA_Double>("ns=1;s=Level", UA_TYPES_DOUBLE), 2.5);
         int client_lines = 0, own_lines = 0;
         for (const auto& [severity, text] : entries(n)) {
             if (text.rfind("OPC UA Client: ", 0) == 0 || text == "Writing node value finished sucessfully.")
@@ -166,19 +142,6 @@ TEST_F(Notification, LogLevelKeepsTheClientsDebugLinesOut) {
         else
             EXPECT_GT(client_lines, 0);
     }
-}
-
-TEST_F(Notification, BadTargetAndBadTypeFailWithTheirLines) {
-    mm::opcua::opcua_notification n(services_);
-    EXPECT_THROW(send(n, request("Integer64", "ns=1;x=Nope", "1")), std::exception);
-    EXPECT_THROW(send(n, request("integer64", "ns=1;s=Count", "1")), std::exception);
-    std::vector<std::string> errors;
-    for (const auto& [severity, text] : entries(n))
-        if (severity == 3) errors.push_back(text);
-    ASSERT_EQ(errors.size(), 3u);
-    EXPECT_EQ(errors[0].rfind("Exception in send_notification: Failed to parse NodeID (ns=1;x=Nope)", 0), 0u);
-    EXPECT_EQ(errors[1].rfind("Exception in create_client_settings: Value \"integer64\"", 0), 0u) << errors[1];
-    EXPECT_EQ(errors[2].rfind("Exception in send_notification: Value \"integer64\"", 0), 0u);
 }
 
 }  // namespace
