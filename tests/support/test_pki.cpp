@@ -141,12 +141,6 @@ bytes key_pair::private_der() const {
     return bio_bytes(bio.get());
 }
 
-std::string key_pair::public_pem() const {
-    bio_ptr bio = memory_bio();
-    check(PEM_write_bio_PUBKEY(bio.get(), state_->pkey.get()), "PEM_write_bio_PUBKEY");
-    return bio_text(bio.get());
-}
-
 bytes key_pair::public_der() const {
     bio_ptr bio = memory_bio();
     check(i2d_PUBKEY_bio(bio.get(), state_->pkey.get()), "i2d_PUBKEY_bio");
@@ -305,13 +299,6 @@ cert make_cert(const cert_profile& profile, const cert* issuer) {
         }
         add_config_extension(x, &context, NID_subject_alt_name, names);
     }
-    if (!profile.crl_distribution_points.empty()) {
-        std::string points;
-        for (const std::string& uri : profile.crl_distribution_points) {
-            points += (points.empty() ? "URI:" : ",URI:") + uri;
-        }
-        add_config_extension(x, &context, NID_crl_distribution_points, points);
-    }
 
     bytes own_key_id;
     switch (profile.subject_key_id.how) {
@@ -336,16 +323,6 @@ cert make_cert(const cert_profile& profile, const cert* issuer) {
         authority->keyid = octets(value).release();
         check(X509_add1_ext_i2d(x, NID_authority_key_identifier, authority.get(), 0, X509V3_ADD_DEFAULT),
               "authority key identifier");
-    }
-
-    for (const raw_extension& extra : profile.extra_extensions) {
-        std::unique_ptr<ASN1_OBJECT, deleter<ASN1_OBJECT_free>> oid(
-            check(OBJ_txt2obj(extra.oid.c_str(), 1), "OBJ_txt2obj " + extra.oid));
-        asn1_octets_ptr value = octets(extra.der_value);
-        x509_extension_ptr extension(
-            check(X509_EXTENSION_create_by_OBJ(nullptr, oid.get(), extra.critical ? 1 : 0, value.get()),
-                  "X509_EXTENSION_create_by_OBJ"));
-        check(X509_add_ext(x, extension.get(), -1), "X509_add_ext");
     }
 
     const key_pair signer = profile.signing_key ? *profile.signing_key : issuer != nullptr ? issuer->key() : key;

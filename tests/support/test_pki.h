@@ -42,7 +42,6 @@ public:
     // OpenSSL's DER of the private key (PKCS#1 for RSA, SEC1 for EC, PKCS#8 otherwise).
     bytes private_der() const;
     // SubjectPublicKeyInfo.
-    std::string public_pem() const;
     bytes public_der() const;
 
     const impl& state() const { return *state_; }
@@ -79,13 +78,6 @@ struct key_identifier {
     static key_identifier given(bytes value) { return {kind::given, std::move(value)}; }
 };
 
-// An extension given by OID and the DER of its value, for what the fields below cannot say.
-struct raw_extension {
-    std::string oid;
-    bytes der_value;
-    bool critical = false;
-};
-
 // Defaults describe an OPC UA style application certificate, valid from an hour ago for a year.
 struct cert_profile {
     std::vector<name_entry> subject{{"CN", "test"}};
@@ -101,8 +93,6 @@ struct cert_profile {
     std::optional<std::string> basic_constraints;
     key_identifier subject_key_id = key_identifier::derived();
     key_identifier authority_key_id = key_identifier::derived();
-    std::vector<std::string> crl_distribution_points;  // URIs, one distribution point each
-    std::vector<raw_extension> extra_extensions;
     // Signs with this key instead of the issuer's (or the certificate's own): a forged signature.
     std::optional<key_pair> signing_key;
 };
