@@ -10,8 +10,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "probe_host.h"
@@ -23,33 +25,23 @@ namespace test_support {
 inline brenholt::vuro::wire::SensorData credential_data(const std::string& kind, int port) {
     brenholt::vuro::wire::SensorData d;
     d.set_kind(kind);
-    auto& s = *d.mutable_settings();
-    auto& secure = *d.mutable_secure_settings();
-    s["host"] = "127.0.0.1";
-    s["logging"] = "disabled";
-    s["interval"] = "60";
-    s["timeout"] = "10";
-    s["ipversion"] = "IPv4";
-    secure["brenholtcloudapikey"] = "";
-    s["credentials.connection_opcua.port"] = std::to_string(port);
-    s["credentials.connection_opcua.server_name"] = "";
-    s["credentials.connection_security.security_mode"] = "none";
-    s["credentials.connection_security.security_policy"] = "none";
-    s["credentials.connection_security.client_certificate"] = "";
-    s["credentials.connection_security.client_key"] = "";
-    secure["credentials.connection_security.client_key_password"] = "";
-    s["credentials.user_authentication.user_auth_mode"] = "anonymous";
-    s["credentials.user_authentication.user"] = "";
-    secure["credentials.user_authentication.password"] = "";
+    for (const auto& [key, value] : std::initializer_list<std::pair<const char*, std::string>>{
+             {"host", "127.0.0.1"}, {"logging", "disabled"}, {"interval", "60"}, {"timeout", "10"}, {"ipversion", "IPv4"},
+             {"credentials.connection_opcua.port", std::to_string(port)}, {"credentials.connection_opcua.server_name", ""},
+             {"credentials.connection_security.security_mode", "none"},
+             {"credentials.connection_security.security_policy", "none"},
+             {"credentials.connection_security.client_certificate", ""}, {"credentials.connection_security.client_key", ""},
+             {"credentials.user_authentication.user_auth_mode", "anonymous"}, {"credentials.user_authentication.user", ""}})
+        (*d.mutable_settings())[key] = value;
+    for (const char* key : {"brenholtcloudapikey", "credentials.connection_security.client_key_password",
+                            "credentials.user_authentication.password"})
+        (*d.mutable_secure_settings())[key] = "";
     return d;
 }
 
 // Sets a value by key, as a secure value where the key is one.
 inline void put(brenholt::vuro::wire::SensorData& d, const std::string& key, const std::string& value) {
-    if (d.secure_settings().count(key))
-        (*d.mutable_secure_settings())[key] = value;
-    else
-        (*d.mutable_settings())[key] = value;
+    (*(d.secure_settings().count(key) ? d.mutable_secure_settings() : d.mutable_settings()))[key] = value;
 }
 
 inline std::vector<std::string> read_lines(const std::filesystem::path& file) {
@@ -80,9 +72,7 @@ protected:
     }
 
     std::vector<std::string> runtime_log() const { return read_lines(log_dir_ / "runtime.log"); }
-    std::vector<std::string> sensor_log(int id) const {
-        return read_lines(log_dir_ / ("sensor_" + std::to_string(id) + ".log"));
-    }
+    std::vector<std::string> sensor_log(int id) const { return read_lines(log_dir_ / ("sensor_" + std::to_string(id) + ".log")); }
 
     std::filesystem::path log_dir_;
     std::unique_ptr<miniprobe::probe_host> host_;

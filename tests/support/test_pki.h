@@ -27,13 +27,10 @@ time_point from_now(std::chrono::seconds offset);
 
 enum class key_algorithm { rsa, rsa_pss, ec_p256, ed25519, ed448 };
 
-class key_pair {
-public:
+// The handles below share one immutable OpenSSL object each.
+struct key_pair {
     struct impl;
-    explicit key_pair(std::shared_ptr<const impl> state);
-
-    key_algorithm algorithm() const;
-    int bits() const;
+    std::shared_ptr<const impl> state;
 
     // PKCS#8, not encrypted.
     std::string private_pem() const;
@@ -43,11 +40,6 @@ public:
     bytes private_der() const;
     // SubjectPublicKeyInfo.
     bytes public_der() const;
-
-    const impl& state() const { return *state_; }
-
-private:
-    std::shared_ptr<const impl> state_;
 };
 
 // Keys are slow to generate, so each (algorithm, bits, slot) is made once per process and
@@ -89,7 +81,6 @@ struct cert_profile {
     std::vector<std::string> subject_alt_names;
     // In OpenSSL configuration syntax; no value leaves the extension out.
     std::optional<std::string> key_usage = "critical,digitalSignature,nonRepudiation,keyEncipherment,dataEncipherment";
-    std::optional<std::string> extended_key_usage;
     std::optional<std::string> basic_constraints;
     key_identifier subject_key_id = key_identifier::derived();
     key_identifier authority_key_id = key_identifier::derived();
@@ -97,25 +88,19 @@ struct cert_profile {
     std::optional<key_pair> signing_key;
 };
 
-// A CA certificate: CA:TRUE, keyCertSign and cRLSign, its own key slot.
+// A CA certificate: CA:TRUE, keyCertSign and cRLSign, its own key slot, ten years.
 cert_profile ca_profile(const std::string& common_name, key_pair key = rsa_key(2048, 1));
 // A leaf with the given common name and the defaults above.
 cert_profile leaf_profile(const std::string& common_name);
 
-class cert {
-public:
+struct cert {
     struct impl;
-    explicit cert(std::shared_ptr<const impl> state);
+    std::shared_ptr<const impl> state;
 
     std::string pem() const;
     bytes der() const;
     const key_pair& key() const;
     std::int64_t serial() const;
-
-    const impl& state() const { return *state_; }
-
-private:
-    std::shared_ptr<const impl> state_;
 };
 
 // Issues a certificate; without an issuer it is self-signed (issuer name = subject name).
@@ -123,34 +108,27 @@ cert make_cert(const cert_profile& profile, const cert* issuer = nullptr);
 
 // RFC 5280 revocation reasons that tests care about.
 constexpr int reason_key_compromise = 1;
-constexpr int reason_certificate_hold = 6;
 constexpr int reason_remove_from_crl = 8;
 
+// Revoked an hour ago.
 struct revoked_entry {
     std::int64_t serial = 0;
-    std::optional<time_point> revoked_at;  // default: now - 1 hour
-    std::optional<int> reason;             // no reason extension by default
+    std::optional<int> reason;  // no reason extension by default
 };
 
+// Issued an hour ago, next update in 30 days.
 struct crl_profile {
-    std::optional<time_point> last_update;  // default: now - 1 hour
-    std::optional<time_point> next_update;  // default: now + 30 days
-    bool omit_next_update = false;
     std::vector<revoked_entry> revoked;
     // Signs with this key instead of the issuer's: a list whose signature does not verify.
     std::optional<key_pair> signing_key;
 };
 
-class crl {
-public:
+struct crl {
     struct impl;
-    explicit crl(std::shared_ptr<const impl> state);
+    std::shared_ptr<const impl> state;
 
     std::string pem() const;
     bytes der() const;
-
-private:
-    std::shared_ptr<const impl> state_;
 };
 
 crl make_crl(const crl_profile& profile, const cert& issuer);

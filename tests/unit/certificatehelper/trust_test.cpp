@@ -48,8 +48,8 @@ TEST_F(trust_test, revocation_lists_check_their_signature_and_look_for_issuer_an
     pki::cert_profile twin = pki::leaf_profile("twin");
     twin.serial = leaf.serial();
     pki::crl_profile profile;
-    profile.revoked = {{leaf.serial(), std::nullopt, pki::reason_key_compromise},
-                       {released.serial(), std::nullopt, pki::reason_remove_from_crl}};
+    profile.revoked = {{leaf.serial(), pki::reason_key_compromise},
+                       {released.serial(), pki::reason_remove_from_crl}};
     const pki::crl list = pki::make_crl(profile, intermediate);
     const std::shared_ptr<ch::key_interface> key = openssl()->make_public_key(intermediate.key().public_der());
     const auto loaded = openssl()->make_revocation_list_from_pem(list.pem(), key);
@@ -64,9 +64,9 @@ TEST_F(trust_test, revocation_lists_check_their_signature_and_look_for_issuer_an
     profile.signing_key = pki::rsa_key(2048, 2);
     const pki::bytes forged = pki::make_crl(profile, intermediate).der();
     EXPECT_NO_THROW(openssl()->make_revocation_list_from_der(forged, std::nullopt));
-    EXPECT_TRUE(throws<ch::exceptions::certificate_revocation_list_signature_verification_failed>(
-        [&] { openssl()->make_revocation_list_from_der(forged, key); },
-        "Failed to verify the signature of the certificate revocation list. ", true));
+    EXPECT_TRUE(has_openssl_reason(what_of<ch::exceptions::certificate_revocation_list_signature_verification_failed>(
+                                       [&] { openssl()->make_revocation_list_from_der(forged, key); }),
+                                   "Failed to verify the signature of the certificate revocation list. "));
 }
 
 }  // namespace

@@ -26,10 +26,7 @@ std::string read_file(const char* path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-const json& doc() {
-    static const json d = json::parse(module_definition_text());
-    return d;
-}
+const json& doc() { static const json d = json::parse(module_definition_text()); return d; }
 
 std::string replace_all(std::string text, const std::string& from, const std::string& to) {
     for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) text.replace(at, from.size(), to);

@@ -17,8 +17,11 @@ using brenholt::vuro::wire::SensorData;
 
 class ModuleBoundary : public test_support::module_session {};
 
-// The text after "<date> <time> <SEVERITY> ".
-std::string text_of(const std::string& line) { return std::regex_replace(line, std::regex("^\\S+ \\S+ \\S+ "), ""); }
+// The texts after "<date> <time> <SEVERITY> ".
+std::vector<std::string> texts(std::vector<std::string> lines) {
+    for (auto& line : lines) line = std::regex_replace(line, std::regex("^\\S+ \\S+ \\S+ "), "");
+    return lines;
+}
 
 TEST(ModuleLifecycle, EveryFunctionAnswersNotInitialisedBeforeInitAndAfterCleanup) {
     for (int round = 0; round < 3; ++round) {
@@ -27,11 +30,9 @@ TEST(ModuleLifecycle, EveryFunctionAnswersNotInitialisedBeforeInitAndAfterCleanu
         SensorData data;
         data.set_kind("custom_sensor");
         EXPECT_EQ(host.get_api_level(), 6);
-        EXPECT_EQ(host.create_sensor(1, data), 3);
-        EXPECT_EQ(host.scan(1), 3);
-        EXPECT_EQ(host.destroy(1), 3);
-        EXPECT_EQ(host.meta_scan(1, 0, data), 3);
-        EXPECT_EQ(host.check(1, data), 3);
+        EXPECT_EQ((std::vector<int>{host.create_sensor(1, data), host.scan(1), host.destroy(1), host.meta_scan(1, 0, data),
+                                    host.check(1, data)}),
+                  std::vector<int>(5, 3));
         unsigned int n = 0;
         EXPECT_EQ(host.get_module_information_sync_raw(nullptr, &n, true), 2);
         EXPECT_EQ(host.get_module_information_sync_raw(nullptr, nullptr, true), 1);
@@ -67,9 +68,7 @@ TEST_F(ModuleBoundary, ModuleInformationTravelsOnceThroughTheCallbackWithTraceLi
         EXPECT_EQ(doc.begin().key(), "Revision");
         EXPECT_EQ(doc.contains("Text"), texts);
     }
-    std::vector<std::string> lines;
-    for (const auto& line : runtime_log()) lines.push_back(text_of(line));
-    EXPECT_EQ(lines, (std::vector<std::string>{"### Begin get_module_information ###", "Do loadLanguages: Yes",
+    EXPECT_EQ(texts(runtime_log()), (std::vector<std::string>{"### Begin get_module_information ###", "Do loadLanguages: Yes",
                                                "### End   get_module_information ###", "### Begin get_module_information ###",
                                                "Do loadLanguages: No", "### End   get_module_information ###"}));
 }
@@ -99,17 +98,17 @@ TEST_F(ModuleBoundary, SyncInformationFollowsTheSizeProtocol) {
 TEST_F(ModuleBoundary, DispatcherCodesPassThroughUnchanged) {
     SensorData data;
     data.set_kind("no_such_sensor");
-    EXPECT_EQ(host_->create_sensor(7, data), 4);
-    EXPECT_EQ(host_->scan(7), 5);
-    EXPECT_EQ(host_->destroy(7), 5);
-    data.set_kind("custom_sensor");
-    EXPECT_EQ(host_->meta_scan(7, 1, data), 4);  // no meta scan is bound
-    data.set_kind("");
-    EXPECT_EQ(host_->check(7, data), 1);
+    SensorData custom = data, no_kind = data;
+    custom.set_kind("custom_sensor");
+    no_kind.set_kind("");
     const std::string garbage = "\xff\xff\xff\xff not protobuf";
-    EXPECT_EQ(host_->create_sensor_raw(1, garbage.data(), static_cast<unsigned int>(garbage.size())), 2);
-    EXPECT_EQ(host_->create_sensor_raw(1, nullptr, 5), 2);
-    EXPECT_EQ(text_of(runtime_log().back()), "### Begin create_sensor_instance ###") << "no end banner after a failure";
+    // No meta scan is bound, so a custom sensor's is an unknown kind too.
+    EXPECT_EQ((std::vector<int>{host_->create_sensor(7, data), host_->scan(7), host_->destroy(7), host_->meta_scan(7, 1, custom),
+                                host_->check(7, no_kind),
+                                host_->create_sensor_raw(1, garbage.data(), static_cast<unsigned int>(garbage.size())),
+                                host_->create_sensor_raw(1, nullptr, 5)}),
+              (std::vector<int>{4, 5, 5, 4, 1, 2, 2}));
+    EXPECT_EQ(texts(runtime_log()).back(), "### Begin create_sensor_instance ###") << "no end banner after a failure";
 }
 
 // A sensor whose server cannot be reached: created without touching the server, its
@@ -129,8 +128,7 @@ TEST_F(ModuleBoundary, FailedScanGivesAnErrorResultAndSecretsNeverReachTheLogs) 
     EXPECT_EQ(result.at("message").at("key"), "#:error.opcua_connection_failed[BadConnectionRejected]");
     EXPECT_TRUE(result.at("channels").empty());
     ASSERT_EQ(host_->destroy(1), 0);
-    std::vector<std::string> lines;
-    for (const auto& line : sensor_log(1)) lines.push_back(text_of(line));
+    const std::vector<std::string> lines = texts(sensor_log(1));
     ASSERT_GE(lines.size(), 6u);
     // The version line alone ends in a line feed of its own.
     EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 3),

@@ -23,13 +23,6 @@ std::atomic<const char*> watched{nullptr};
 std::atomic<std::size_t> watched_length{0};
 std::atomic<int> released_with_secret{0};
 
-void* allocate(std::size_t size) {
-    void* base = std::malloc(size + header);
-    if (base == nullptr) return nullptr;
-    *static_cast<std::size_t*>(base) = size;
-    return static_cast<char*>(base) + header;
-}
-
 void release(void* p) noexcept {
     if (p == nullptr) return;
     char* base = static_cast<char*>(p) - header;
@@ -45,8 +38,10 @@ void release(void* p) noexcept {
 
 // The library's other forms of new and delete forward to these.
 void* operator new(std::size_t size) {
-    if (void* p = allocate(size)) return p;
-    throw std::bad_alloc();
+    void* base = std::malloc(size + header);
+    if (base == nullptr) throw std::bad_alloc();
+    *static_cast<std::size_t*>(base) = size;
+    return static_cast<char*>(base) + header;
 }
 void operator delete(void* p) noexcept { release(p); }
 void operator delete(void* p, std::size_t) noexcept { release(p); }

@@ -1,13 +1,7 @@
 #!/usr/bin/env python3
-"""Checks the translated texts against the English message catalogue.
-
-Usage: check_translations.py <repository root>
-
-Each language must translate every key of its key set (module/definition/languages.json),
-since a missing text silently falls back to English, and each translation must keep
-the placeholders, percent signs, markup tags and {cur} markers of the English text.
-Prints one line per problem and exits 1 on any.
-"""
+"""Checks the translated texts against the English catalogue: each language translates every key
+of its key set (a missing text silently falls back to English) and keeps the English text's
+placeholders, percent signs, markup tags and {cur} markers. Usage: check_translations.py <repository root>"""
 import collections
 import json
 import os
