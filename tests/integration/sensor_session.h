@@ -64,6 +64,25 @@ protected:
         return d;
     }
 
+    // A custom sensor reading these channels (number to NodeID text); the others are off.
+    static brenholt::vuro::wire::SensorData custom_data(int port, const std::map<int, std::string>& channels,
+                                                         const std::string& message_node = "") {
+        auto d = sensor_data("custom_sensor", port);
+        auto& s = *d.mutable_settings();
+        s["custom.sensor_message_custom.nodeid"] = message_node;
+        for (int n = 1; n <= 10; ++n) {
+            const std::string c = "custom.connection_custom.channel" + std::to_string(n);
+            // Channel 1 is always on and has no switch.
+            if (n > 1) s[c] = channels.count(n) ? "enable" : "disable";
+            s[c + "_settings"] = "automatic";
+            s[c + "_name"] = "";
+            s[c + "_unit"] = "";
+            s[c + "_scale_factor"] = "1";
+            s[c + "_nodeid"] = channels.count(n) ? channels.at(n) : "";
+        }
+        return d;
+    }
+
     sent take() {
         sent out;
         for (auto& m : host_->take_messages()) {

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -17,9 +18,9 @@ namespace interop {
 
 class node_server {
 public:
-    // Starts the child; `options` go to server.js as they are, except that "pkiDir" is
-    // set to a fresh temporary directory unless given. Does not wait for it to listen.
-    // Raises std::runtime_error when node or node-opcua is missing or the fork fails.
+    // Starts the child; `options` go to server.js as they are, with "pkiDir" set to a
+    // fresh temporary directory. Does not wait for it to listen.
+    // Raises std::runtime_error when node-opcua is missing or the fork fails.
     explicit node_server(nlohmann::json options);
     ~node_server();
     node_server(const node_server&) = delete;
@@ -37,7 +38,6 @@ public:
 
     int port() const { return ready_.at("port").get<int>(); }
     const nlohmann::json& ready() const { return ready_; }
-    pid_t pid() const { return pid_; }
 
     // Stops the child (SIGTERM, then SIGKILL after a grace period) and waits for it.
     // Returns true when it ended within the grace period.
@@ -57,8 +57,8 @@ private:
     nlohmann::json ready_;
 };
 
-// The directory of server.js and whether node-opcua is installed next to it; the text
-// says what to do when it is not.
-std::string node_opcua_missing();
+// A server started and listening; raises std::runtime_error with the server's own
+// words when it does not come up.
+std::unique_ptr<node_server> start(const nlohmann::json& options);
 
 }  // namespace interop

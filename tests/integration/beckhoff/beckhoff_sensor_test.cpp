@@ -78,15 +78,8 @@ TEST_F(BeckhoffSensor, HealthyDeviceWithMemoryFromTheNarrowPairUnlessItSaturated
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        opcua_sim::beckhoff_status status;
-        status.memory_size = c.size;
-        status.memory_available = c.available;
-        status.memory_size_wide = c.size_wide;
-        status.memory_available_wide = c.available_wide;
-        status.cpu_load = 17;
-        status.cpu_temperature = -5;  // signed on the wire
-        status.mainboard_temperature = 41;
-        const auto result = scan_with(3, status);
+        // CPU load, CPU temperature (signed on the wire), mainboard temperature, memory pairs.
+        const auto result = scan_with(3, {17, -5, 41, c.size, c.available, c.size_wide, c.available_wide});
         EXPECT_EQ(result.at("response_code"), 0);
         EXPECT_EQ(result.at("message").at("text"), "OK");
         const std::map<int, long long> expected{{0, 17}, {1, -5}, {2, 41}, {3, c.channel_available},

@@ -30,18 +30,13 @@ const std::string key_password = "key-pass";
 
 using line = std::pair<liblog::severity, std::string>;
 
-std::vector<line> lines_of(const liblog::memory_logger& log) {
-    auto entries = log.entries();
-    return {entries.begin(), entries.end()};
-}
-
 bool has_line(const liblog::memory_logger& log, liblog::severity level, const std::string& text) {
-    const auto all = lines_of(log);
+    const auto all = log.entries();
     return std::find(all.begin(), all.end(), line{level, text}) != all.end();
 }
 
 std::size_t count_starting(const liblog::memory_logger& log, const std::string& prefix) {
-    const auto all = lines_of(log);
+    const auto all = log.entries();
     return std::count_if(all.begin(), all.end(), [&](const line& l) { return l.second.rfind(prefix, 0) == 0; });
 }
 
@@ -112,7 +107,7 @@ TEST_F(ClientAgainstSim, GeneratedCertificateSessionLifeCycle) {
     EXPECT_TRUE(has_line(*log_, liblog::info, "Using ApplicationUri: brenholt_opcua_sensor"));
 
     // Every policy is listed, each followed by ", ", the last one too.
-    const auto all = lines_of(*log_);
+    const auto all = log_->entries();
     const auto policies =
         std::find_if(all.begin(), all.end(), [](const line& l) { return l.second.rfind("Client has ", 0) == 0; });
     ASSERT_NE(policies, all.end());
@@ -141,10 +136,6 @@ TEST_F(ClientAgainstSim, GeneratedCertificateSessionLifeCycle) {
     // Discovery replaces the UA_Client: the session is gone until the next connect.
     EXPECT_TRUE(client->validate_endpoint());
     EXPECT_FALSE(client->is_connected());
-    EXPECT_TRUE(has_line(*log_, liblog::info,
-                         "Selected Endpoint " + sim_->endpoint_url() +
-                             " with SecurityMode None and SecurityPolicy "
-                             "http://opcfoundation.org/UA/SecurityPolicy#None"));
     client->connect();
     EXPECT_TRUE(client->is_connected());
     EXPECT_EQ(count_starting(*log_, "Using ApplicationUri: "), 3u);

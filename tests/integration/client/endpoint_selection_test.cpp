@@ -94,7 +94,6 @@ std::vector<selection_case> selection_cases() {
     const line anonymous = selected("identity token with UserTokenType Anonymous and SecurityPolicy ");
     const auto user_name = UA_TYPES_USERNAMEIDENTITYTOKEN;
     return {
-        {"EmptyListFails", {}, criteria(1, none_uri), outcome::no_match, "", {no_match}},
         {"HttpsProfileSkippedSilentlyEmptyProfileExamined",
          {{ep_a, 1, none_uri, {{0, ""}}, https_profile}, {ep_b, 1, none_uri, {{0, ""}}, ""}},
          criteria(1, none_uri), outcome::selected, ep_b,

@@ -13,8 +13,6 @@ using namespace integration;
 
 namespace {
 
-const std::string prefix = "custom.connection_custom.channel";
-
 std::map<int, ordered_json> channels_of(const ordered_json& result) {
     std::map<int, ordered_json> out;
     for (const auto& c : result.at("channels")) out[c.at("channel_id").get<int>()] = c;
@@ -31,24 +29,6 @@ protected:
     }
     static void TearDownTestSuite() { delete server_; }
 
-    // channels: channel number to NodeID text; every other channel disabled.
-    static brenholt::vuro::wire::SensorData data(const std::map<int, std::string>& channels,
-                                                  const std::map<std::string, std::string>& changes = {}) {
-        auto d = sensor_data("custom_sensor", server_->port());
-        auto& s = *d.mutable_settings();
-        s["custom.sensor_message_custom.nodeid"] = "";
-        for (int n = 1; n <= 10; ++n) {
-            const std::string c = prefix + std::to_string(n);
-            if (n > 1) s[c] = channels.count(n) ? "enable" : "disable";
-            s[c + "_settings"] = "automatic";
-            s[c + "_name"] = "";
-            s[c + "_unit"] = "";
-            s[c + "_scale_factor"] = "1";
-            s[c + "_nodeid"] = channels.count(n) ? channels.at(n) : "";
-        }
-        for (const auto& [k, v] : changes) s[k] = v;
-        return d;
-    }
 
     static opcua_sim::server* server_;
 };
@@ -56,10 +36,10 @@ protected:
 opcua_sim::server* CustomSensor::server_ = nullptr;
 
 TEST_F(CustomSensor, EnabledChannelsAloneAreDefinedAndDeliverValues) {
-    ASSERT_EQ(host_->create_sensor(1, data({{1, "ns=2;s=Int32"}, {2, "ns=2;s=BooleanFalse"},
-                                            {4, "'ns=2;s=DoubleArray'[1]"}},
-                                           {{prefix + "2_unit", "kg"}})),
-              0);
+    auto d = custom_data(server_->port(),
+                         {{1, "ns=2;s=Int32"}, {2, "ns=2;s=BooleanFalse"}, {4, "'ns=2;s=DoubleArray'[1]"}});
+    (*d.mutable_settings())["custom.connection_custom.channel2_unit"] = "kg";
+    ASSERT_EQ(host_->create_sensor(1, d), 0);
     const auto defs = take().definitions;
     ASSERT_EQ(defs.size(), 3u);
     expect_fields(defs[0],
@@ -104,8 +84,7 @@ TEST_F(CustomSensor, StringValuesAndTheSensorMessage) {
     int id = 10;
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.node) + " " + c.message_node);
-        const auto d = data({{1, c.node}}, {{"custom.sensor_message_custom.nodeid", c.message_node}});
-        ASSERT_EQ(host_->create_sensor(id, d), 0);
+        ASSERT_EQ(host_->create_sensor(id, custom_data(server_->port(), {{1, c.node}}, c.message_node)), 0);
         const auto result = scan(id).result();
         EXPECT_EQ(result.at("response_code"), c.response_code);
         EXPECT_EQ(result.at("message").at("key"), c.key);
@@ -119,7 +98,7 @@ TEST_F(CustomSensor, StringValuesAndTheSensorMessage) {
 }
 
 TEST_F(CustomSensor, RecreatedSensorWithKnownChannelsSendsNoDefinition) {
-    auto d = data({{1, "ns=2;s=Int32"}, {2, "ns=2;s=Double"}});
+    auto d = custom_data(server_->port(), {{1, "ns=2;s=Int32"}, {2, "ns=2;s=Double"}});
     (*d.mutable_channels())[1] = "My Int";
     (*d.mutable_channels())[2] = "My Double";
     ASSERT_EQ(host_->create_sensor(30, d), 0);
@@ -128,7 +107,7 @@ TEST_F(CustomSensor, RecreatedSensorWithKnownChannelsSendsNoDefinition) {
 }
 
 TEST_F(CustomSensor, LostSessionIsRetriedOnceAndTheScanSucceeds) {
-    ASSERT_EQ(host_->create_sensor(40, data({{1, "ns=2;s=Int32"}})), 0);
+    ASSERT_EQ(host_->create_sensor(40, custom_data(server_->port(), {{1, "ns=2;s=Int32"}})), 0);
     EXPECT_EQ(scan(40).result().at("response_code"), 0);
     ASSERT_GE(server_->end_sessions(), 1u);
     const auto result = scan(40).result();
@@ -150,7 +129,7 @@ TEST_F(CustomSensor, CreationFailureSendsAnErrorResultAndKeepsNoSensor) {
     int id = 50;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.node);
-        EXPECT_EQ(host_->create_sensor(id, data({{1, c.node}})), 2);
+        EXPECT_EQ(host_->create_sensor(id, custom_data(server_->port(), {{1, c.node}})), 2);
         const auto result = take().result();
         EXPECT_EQ(result.at("response_code"), 3);
         EXPECT_EQ(result.at("message").at("key").get<std::string>().rfind(c.key, 0), 0u) << result.at("message");

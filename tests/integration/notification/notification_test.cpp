@@ -62,16 +62,15 @@ protected:
         n.send_notification(request);
     }
 
-    static std::vector<std::pair<int, std::string>> entries(mm::opcua::opcua_notification& n) {
+    static google::protobuf::RepeatedPtrField<brenholt::vuro::wire::LogEntry> entries(
+        mm::opcua::opcua_notification& n) {
         const auto& bytes = n.get_response();
         brenholt::vuro::wire::Envelope e;
         EXPECT_TRUE(e.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())));
         EXPECT_EQ(e.type(), brenholt::vuro::wire::NOTIFICATION_RESPONSE);
         brenholt::vuro::wire::NotificationResponse r;
         EXPECT_TRUE(r.ParseFromString(e.payload()));
-        std::vector<std::pair<int, std::string>> out;
-        for (const auto& x : r.entries()) out.emplace_back(x.severity(), x.text());
-        return out;
+        return r.entries();
     }
 
     // Puts a variable of this type on the server, or reads it back.
@@ -116,8 +115,8 @@ TEST_F(Notification, Integer64TakesTheLeadingNumberOrFailsWithTwoLines) {
 
     EXPECT_THROW(send(n, "Integer64", "ns=1;s=Count", "abc"), std::invalid_argument);
     std::vector<std::string> errors;
-    for (const auto& [severity, text] : entries(n))
-        if (severity == 3) errors.push_back(text);
+    for (const auto& entry : entries(n))
+        if (entry.severity() == 3) errors.push_back(entry.text());
     EXPECT_EQ(errors, (std::vector<std::string>{"could not parse value:\"abc\" to int64: stoll",
                                                 "Exception in send_notification: stoll"}));
     EXPECT_EQ(get<UA_Int64>("ns=1;s=Count", UA_TYPES_INT64), 42);
@@ -131,7 +130,8 @@ TEST_F(Notification, LogLevelKeepsTheClientsDebugLinesOut) {
         send(n, "FloatingPoint", "ns=1;s=Level", "2.5", level);
         EXPECT_EQ(get<UA_Double>("ns=1;s=Level", UA_TYPES_DOUBLE), 2.5);
         int client_lines = 0, own_lines = 0;
-        for (const auto& [severity, text] : entries(n)) {
+        for (const auto& entry : entries(n)) {
+            const std::string& text = entry.text();
             if (text.rfind("OPC UA Client: ", 0) == 0 || text == "Writing node value finished sucessfully.")
                 ++client_lines;
             if (text.rfind("### ", 0) == 0 || text == "Create OPC-UA client.") ++own_lines;
