@@ -2,6 +2,7 @@
 // parsed from that. Records only: no sensor is built and no client is made.
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include <google/protobuf/stubs/logging.h>
@@ -27,6 +28,8 @@ void parse(const vh::settings::settings_source& source, const Extra&... extra) {
         Record record(source, extra...);
     } catch (const mm::libi18n::i18n_exception&) {
         // A bad or missing value fails the record, as it fails the creation.
+    } catch (const std::bad_optional_access&) {
+        // An empty number where one is needed: the record's readers take it untested.
     }
 }
 
