@@ -67,6 +67,7 @@ std::string certificate::get_subject() const { return subject_; }
 std::string certificate::get_issuer() const { return issuer_; }
 
 std::shared_ptr<key_interface> certificate::get_public_key() const {
+    const detail::error_queue_guard guard;
     std::vector<std::uint8_t> der;
     EVP_PKEY* key = x509_ ? X509_get0_pubkey(x509_.get()) : nullptr;
     if (key != nullptr) {
@@ -88,6 +89,7 @@ std::string certificate::get_common_name() const {
 }
 
 std::vector<std::string> certificate::get_common_names() const {
+    const detail::error_queue_guard guard;
     std::vector<std::string> names;
     const X509_NAME* subject = X509_get_subject_name(x509_.get());
     if (subject == nullptr) {
@@ -181,6 +183,7 @@ bool certificate::is_self_signed() const {
 }
 
 std::string certificate::get_thumbprint() const {
+    const detail::error_queue_guard guard;
     constexpr unsigned int sha1_length = 20;
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     unsigned int length = 0;
@@ -199,6 +202,7 @@ std::string certificate::get_thumbprint() const {
 }
 
 std::int32_t certificate::get_signature_size() const {
+    const detail::error_queue_guard guard;
     const ASN1_BIT_STRING* signature = nullptr;
     X509_get0_signature(&signature, nullptr, x509_.get());
     return signature == nullptr ? 0 : ASN1_STRING_length(signature);
@@ -211,6 +215,7 @@ std::int32_t certificate::get_public_key_bits() const {
 }
 
 public_key_type certificate::get_public_key_type() const {
+    const detail::error_queue_guard guard;
     static const std::map<int, public_key_type> types = {
         {EVP_PKEY_RSA, public_key_type::rsa},         {EVP_PKEY_RSA_PSS, public_key_type::rsa},
         {EVP_PKEY_DSA, public_key_type::dsa},         {EVP_PKEY_EC, public_key_type::ec},
