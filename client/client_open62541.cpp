@@ -437,23 +437,34 @@ void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
 
 UA_StatusCode client_open62541::request_endpoints(bool unsecured, std::size_t& size, UA_EndpointDescription*& data) {
     // open62541 1.4 has no GetEndpoints call that takes the channel's security as
-    // arguments: UA_Client_getEndpoints opens the channel from the configuration, and
-    // with mode, policy and identity set it also matches them itself and fails the whole
-    // request when nothing fits. So the request goes out with the configuration
-    // overridden (None for the unsecured channel; mode invalid and no policy lets the
-    // library pick a secured one), and the wanted values are put back before anyone
-    // reads the configuration.
+    // arguments: UA_Client_getEndpoints opens the channel from the configuration. Without
+    // an endpoint in the configuration it first runs a discovery of its own and matches
+    // mode, policy and identity itself, failing the whole request when nothing fits;
+    // so the unsecured request names its channel as the configured endpoint (None, no
+    // identity), and the secured one clears mode, policy and identity so that the
+    // library picks any endpoint it can open. Everything is put back before anyone
+    // reads the configuration: our own selection judges the list.
     UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
     const UA_MessageSecurityMode wanted_mode = config->securityMode;
     const UA_String wanted_policy = config->securityPolicyUri;
     const UA_ExtensionObject wanted_identity = config->userIdentityToken;
     config->securityMode = unsecured ? UA_MESSAGESECURITYMODE_NONE : UA_MESSAGESECURITYMODE_INVALID;
     UA_String_init(&config->securityPolicyUri);
-    if (unsecured) config->securityPolicyUri = UA_String_fromChars(policy_uri_none);
     UA_ExtensionObject_init(&config->userIdentityToken);
+    if (unsecured) {
+        config->securityPolicyUri = UA_String_fromChars(policy_uri_none);
+        config->endpoint.endpointUrl = UA_String_fromChars(endpoint_url_.c_str());
+        config->endpoint.securityMode = UA_MESSAGESECURITYMODE_NONE;
+        config->endpoint.securityPolicyUri = UA_String_fromChars(policy_uri_none);
+        config->endpoint.transportProfileUri = UA_String_fromChars(binary_transport_profile);
+        config->userTokenPolicy.tokenType = UA_USERTOKENTYPE_ANONYMOUS;
+        config->userTokenPolicy.securityPolicyUri = UA_String_fromChars(policy_uri_none);
+    }
 
     const UA_StatusCode status = UA_Client_getEndpoints(ua_client_, endpoint_url_.c_str(), &size, &data);
 
+    UA_clear(&config->endpoint, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
+    UA_clear(&config->userTokenPolicy, &UA_TYPES[UA_TYPES_USERTOKENPOLICY]);
     UA_clear(&config->securityPolicyUri, &UA_TYPES[UA_TYPES_STRING]);
     UA_clear(&config->userIdentityToken, &UA_TYPES[UA_TYPES_EXTENSIONOBJECT]);
     config->securityMode = wanted_mode;
