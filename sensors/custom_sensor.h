@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "client/client_interface.h"
 #include "client/node_interfaces.h"
@@ -24,6 +25,7 @@ private:
     void create_sensor_message_node();
     void create_channel_nodes();
     void define_channels();
+    void build_read_request();
     void fetch_nodes();
     void set_channel_value(libvurohelper::responses::sensor_scan_result& result, int id,
                            const readable_variable_node_interface& node);
@@ -33,6 +35,8 @@ private:
     // Keyed by the channel's index, 0 to 9; the probe sees index + 1.
     std::map<int, std::shared_ptr<readable_variable_node_interface>> channel_nodes;
     std::shared_ptr<readable_variable_node_interface> sensor_message_node;
+    // The channel nodes in channel order, then the message node: one read for all.
+    std::vector<std::shared_ptr<generic_node_interface>> read_request;
 };
 
 }  // namespace brenholt::monitoring_modules::opcua

@@ -51,4 +51,14 @@ void multiplex_logger::write(severity level, const std::string& text) {
     }
 }
 
+bool multiplex_logger::keeps(severity level) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [weak, limit] : children_) {
+        if (static_cast<int>(limit) < static_cast<int>(level)) continue;
+        auto child = weak.lock();
+        if (child && child->keeps(level)) return true;
+    }
+    return false;
+}
+
 }  // namespace brenholt::monitoring_modules::liblog

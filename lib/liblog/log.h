@@ -25,11 +25,15 @@ class log_interface {
 public:
     virtual ~log_interface() = default;
     virtual void write(severity level, const std::string& text) = 0;
+    // Whether a line of this severity would end up anywhere. A writer asks before it
+    // builds a text that costs something; a line written anyway is handled as ever.
+    virtual bool keeps(severity) const { return true; }
 };
 
 class null_logger : public log_interface {
 public:
     void write(severity, const std::string&) override {}
+    bool keeps(severity) const override { return false; }
     // The one process-wide instance, built on first use.
     static std::shared_ptr<log_interface> instance();
 };
@@ -54,6 +58,8 @@ public:
     std::size_t size() const;
     // Children whose limit is at least `level` get the line; dead children are pruned here.
     void write(severity level, const std::string& text) override;
+    // True when a live child's limit admits `level` and that child keeps it.
+    bool keeps(severity level) const override;
 
 private:
     mutable std::mutex mutex_;
