@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include <string.h>
+
 #include <open62541/client_config_default.h>
 #include <open62541/client_highlevel.h>
 #include <open62541/plugin/create_certificate.h>
@@ -105,11 +107,37 @@ void forward_stack_line(void* context, UA_LogLevel, UA_LogCategory, const char* 
     static_cast<liblog::log_interface*>(context)->write(liblog::debug, "OPC UA Client: " + text);
 }
 
-// Zeroes a buffer that held secret material before it is released.
+// Zeroes a buffer that held secret material before it is released; explicit_bzero is
+// not removed as a dead store the way a plain fill before a free can be.
 template <typename Container>
 void wipe(Container& buffer) {
-    std::fill(buffer.begin(), buffer.end(), typename Container::value_type{});
+    if (!buffer.empty()) explicit_bzero(buffer.data(), buffer.size() * sizeof(typename Container::value_type));
 }
+
+void wipe(UA_ByteString& bytes) {
+    if (bytes.data != nullptr && bytes.length != 0) explicit_bzero(bytes.data, bytes.length);
+}
+
+// The password of a user-name identity dies with the configuration that holds it.
+void wipe_identity(UA_Client* client) {
+    if (client == nullptr) return;
+    UA_ExtensionObject& identity = UA_Client_getConfig(client)->userIdentityToken;
+    if (identity.encoding >= UA_EXTENSIONOBJECT_DECODED &&
+        identity.content.decoded.type == &UA_TYPES[UA_TYPES_USERNAMEIDENTITYTOKEN] &&
+        identity.content.decoded.data != nullptr)
+        wipe(static_cast<UA_UserNameIdentityToken*>(identity.content.decoded.data)->password);
+}
+
+void delete_client(UA_Client* client) {
+    if (client == nullptr) return;
+    wipe_identity(client);
+    UA_Client_delete(client);
+}
+
+// Without a callback of its own, the library asks for the password of a key it cannot
+// read on the terminal of the probe, and blocks there. Our keys arrive decrypted, so a
+// request for a password means the stack cannot use the key at all.
+UA_StatusCode refuse_key_password(UA_ClientConfig*, UA_ByteString*) { return UA_STATUSCODE_BADSECURITYCHECKSFAILED; }
 
 }  // namespace
 
@@ -126,7 +154,7 @@ client_open62541::client_open62541(const client_settings& settings,
       logger_(std::make_shared<liblog::multiplex_logger>()) {}
 
 client_open62541::~client_open62541() {
-    if (ua_client_ != nullptr) UA_Client_delete(ua_client_);
+    delete_client(ua_client_);
     ua_client_ = nullptr;
 }
 
@@ -136,8 +164,10 @@ std::string client_open62541::build_url(const client_settings& settings) {
 
 const client_settings& client_open62541::get_settings() const { return settings_; }
 
-// Deliberately without the lock: a check calls it right after connect on the same thread.
+// Under the lock: another thread's make_client may be replacing the UA_Client. The
+// mutex is recursive, so a caller that holds it already is not blocked.
 bool client_open62541::is_connected() const {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
     if (ua_client_ == nullptr) return false;
     return session_active(ua_client_);
 }
@@ -164,7 +194,9 @@ void client_open62541::make_client() {
     if (fresh == nullptr) throw std::bad_alloc();
     // The new one is in place before the old one goes, so ua_client_ never dangles.
     UA_Client* old = std::exchange(ua_client_, fresh);
-    if (old != nullptr) UA_Client_delete(old);
+    delete_client(old);
+    // Set before any key reaches the library, so it never prompts.
+    UA_Client_getConfig(ua_client_)->privateKeyPasswordCallback = refuse_key_password;
 
     configure_logging();
     configure_security();
@@ -223,6 +255,7 @@ void client_open62541::configure_generated_certificate() {
         UA_ByteString& private_key;
         UA_ByteString& certificate;
         ~cleanup() {
+            wipe(private_key);
             UA_clear(&private_key, &UA_TYPES[UA_TYPES_BYTESTRING]);
             UA_clear(&certificate, &UA_TYPES[UA_TYPES_BYTESTRING]);
             UA_KeyValueMap_delete(parameters);
@@ -273,6 +306,11 @@ void client_open62541::configure_client_certificate() {
     std::vector<std::uint8_t> key_der;
     try {
         auto key = certificates_->make_private_key(settings_.client_key, key_password);
+        // Every security policy of OPC UA signs and encrypts with RSA; the stack cannot
+        // read any other key, so it is refused here with words the user can act on.
+        if (!key->is_rsa())
+            throw libcertificatehelper::exceptions::could_not_load_private_key(
+                "The key is not an RSA key, which OPC UA security requires.");
         key_der = key->to_der();
     } catch (...) {
         wipe(key_password);
@@ -371,19 +409,23 @@ void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
     // Discovery always runs on a new client, which ends any session of the old one.
     make_client();
 
+    // Every client may ask for the endpoints without security, whatever it is configured
+    // with, and most plant servers trust no client certificate until an operator accepts
+    // it: a secured channel here would be refused, and leave our certificate in the
+    // server's rejected list at every scan. The configured mode, policy and identity are
+    // judged afterwards by our own selection.
     std::size_t size = 0;
     UA_EndpointDescription* data = nullptr;
-    UA_StatusCode status = request_endpoints(false, size, data);
+    UA_StatusCode status = request_endpoints(true, size, data);
     if (security_refusal(status)) {
-        // The library chose a secured channel for the request that the server's certificate
-        // cannot carry (a key too short for the policy, for one). Every server answers
-        // discovery on an unsecured channel, and the list is all we want of it. The failed
-        // client keeps its status, so a new one asks.
+        // A server without an unsecured channel even for discovery: ask over the secured
+        // channel the library picks. The refused client keeps its failure status, so a
+        // new one asks.
         UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
         data = nullptr;
         size = 0;
         make_client();
-        status = request_endpoints(true, size, data);
+        status = request_endpoints(false, size, data);
     }
     if (status != UA_STATUSCODE_GOOD) {
         UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
@@ -394,10 +436,13 @@ void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
 }
 
 UA_StatusCode client_open62541::request_endpoints(bool unsecured, std::size_t& size, UA_EndpointDescription*& data) {
-    // open62541 1.4 matches mode, policy and identity itself while it opens the channel for
-    // GetEndpoints, and fails the whole request when nothing fits. Our own selection is the
-    // one that has to judge the list, with its own lines, so the request goes out without
-    // those three; they are put back before anyone reads the configuration.
+    // open62541 1.4 has no GetEndpoints call that takes the channel's security as
+    // arguments: UA_Client_getEndpoints opens the channel from the configuration, and
+    // with mode, policy and identity set it also matches them itself and fails the whole
+    // request when nothing fits. So the request goes out with the configuration
+    // overridden (None for the unsecured channel; mode invalid and no policy lets the
+    // library pick a secured one), and the wanted values are put back before anyone
+    // reads the configuration.
     UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
     const UA_MessageSecurityMode wanted_mode = config->securityMode;
     const UA_String wanted_policy = config->securityPolicyUri;
@@ -546,9 +591,16 @@ struct read_response_deleter {
     void operator()(UA_ReadResponse* r) const noexcept { UA_delete(r, &UA_TYPES[UA_TYPES_READRESPONSE]); }
 };
 
+// The reports of a connection that is gone: the transport, the secure channel (a server
+// restarted between two scans closes it), or nothing connected at all.
+bool connection_lost(UA_StatusCode status) {
+    return status == UA_STATUSCODE_BADCONNECTIONCLOSED || status == UA_STATUSCODE_BADSECURECHANNELCLOSED ||
+           status == UA_STATUSCODE_BADSECURECHANNELIDINVALID || status == UA_STATUSCODE_BADNOTCONNECTED;
+}
+
 bool session_lost(UA_StatusCode status) {
     return status == UA_STATUSCODE_BADSESSIONIDINVALID || status == UA_STATUSCODE_BADSESSIONCLOSED ||
-           status == UA_STATUSCODE_BADSESSIONNOTACTIVATED || status == UA_STATUSCODE_BADCONNECTIONCLOSED;
+           status == UA_STATUSCODE_BADSESSIONNOTACTIVATED || connection_lost(status);
 }
 
 std::vector<read_item> collect_read_items(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
@@ -651,8 +703,8 @@ void client_open62541::write_once(const scalar_variable_node_open62541& node) {
     const UA_StatusCode status = __UA_Client_writeAttribute(ua_client_, node.node_id(), UA_ATTRIBUTEID_VALUE,
                                                             node.variant(), &UA_TYPES[UA_TYPES_VARIANT]);
     if (status == UA_STATUSCODE_GOOD) return;
-    // Unlike a read, only a closed connection counts as lost here.
-    if (status == UA_STATUSCODE_BADCONNECTIONCLOSED) throw exceptions::opcua_connection_closed();
+    // Unlike a read, a lost session is not retried here: only a lost connection is.
+    if (connection_lost(status)) throw exceptions::opcua_connection_closed();
     throw exceptions::opcua_write_failed(UA_StatusCode_name(status));
 }
 

@@ -94,7 +94,7 @@ private:
     void fetch_endpoints(endpoint_array& endpoints);
     UA_EndpointDescription select_endpoint(const endpoint_array& endpoints);
 
-    std::recursive_mutex mutex_;
+    mutable std::recursive_mutex mutex_;
     std::shared_ptr<const libcertificatehelper::allocator> certificates_;
     client_settings settings_;
     std::weak_ptr<libvurohelper::module::service_container> services_;

@@ -16,6 +16,9 @@ variant_ptr new_variant() {
 }
 
 void replace_value(UA_Variant& stored, const UA_Variant& value) {
+    // A server answers an unset variable with an empty variant: that is a read without a
+    // value, and a value once read never returns to empty.
+    if (UA_Variant_isEmpty(&value)) return;
     UA_clear(&stored, &UA_TYPES[UA_TYPES_VARIANT]);
     if (UA_copy(&value, &stored, &UA_TYPES[UA_TYPES_VARIANT]) != UA_STATUSCODE_GOOD) throw std::bad_alloc();
 }

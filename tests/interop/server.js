@@ -6,7 +6,8 @@
 //    "securityMode":"Sign","securityPolicy":"Basic256Sha256"}, ...],
 //    "namespaces":{"<section>":index, ...},
 //    "certificate":{"thumbprint":"<sha1 hex>","notAfter":<epoch s>,"keyBits":N,"commonName":"..",
-//                   "chain":N}}
+//                   "chain":N},
+//    "pkiDir":"<the option>"}
 // On a fatal error it prints {"ready":false,"error":"..."} and exits with 1.
 //
 // While it runs it takes one JSON command per line on stdin and answers each with one
@@ -56,7 +57,10 @@ const defaults = {
     certificateFile: null,
     privateKeyFile: null,
     // Server.ServerDiagnostics.EnabledFlag at start; node-opcua's default is on.
-    diagnostics: true
+    diagnostics: true,
+    // false: a client certificate nobody has accepted yet is refused and kept in
+    // <pkiDir>/server/rejected, as on a plant server whose operator has not trusted us.
+    trustUnknownClients: true
 };
 
 // Builders for parts of the address space, keyed by option name (value true). Each
@@ -232,10 +236,11 @@ async function main() {
     setErrorLogger(log);
 
     fs.mkdirSync(options.pkiDir, { recursive: true });
-    // The module's client brings a certificate nobody signed; trust it on first sight.
+    // The module's client brings a certificate nobody signed; trusted on first sight
+    // unless the test wants a strict server.
     const serverCertificateManager = new OPCUACertificateManager({
         rootFolder: path.join(options.pkiDir, "server"),
-        automaticallyAcceptUnknownCertificate: true
+        automaticallyAcceptUnknownCertificate: options.trustUnknownClients
     });
     // Without one of its own the server would create a user PKI in the home directory.
     const userCertificateManager = new OPCUACertificateManager({
@@ -322,6 +327,7 @@ async function main() {
             port,
             endpoints,
             namespaces,
+            pkiDir: options.pkiDir,
             certificate: describeCertificate(server.getCertificateChain())
         }) + "\n"
     );

@@ -1,6 +1,7 @@
 #include "libcertificatehelper/source/detail/keys.h"
 
 #include <openssl/err.h>
+#include <openssl/evp.h>
 #include <openssl/pem.h>
 
 #include "libcertificatehelper/source/exceptions.h"
@@ -17,7 +18,11 @@ std::vector<std::uint8_t> private_key::to_der() const {
     return detail::bio_to_bytes(bio.get());
 }
 
+bool private_key::is_rsa() const { return key_ && EVP_PKEY_is_a(key_.get(), "RSA") == 1; }
+
 public_key::public_key(detail::evp_pkey_ptr key) : key_(std::move(key)) {}
+
+bool public_key::is_rsa() const { return key_ && EVP_PKEY_is_a(key_.get(), "RSA") == 1; }
 
 std::vector<std::uint8_t> public_key::to_der() const {
     detail::bio_ptr bio(BIO_new(BIO_s_mem()));

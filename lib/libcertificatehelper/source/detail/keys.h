@@ -16,6 +16,7 @@ public:
     explicit private_key(detail::evp_pkey_ptr key);
     // The plain key passes through secure memory only while it is encoded.
     std::vector<std::uint8_t> to_der() const override;
+    bool is_rsa() const override;
 
 private:
     detail::evp_pkey_ptr key_;
@@ -26,6 +27,7 @@ public:
     explicit public_key(detail::evp_pkey_ptr key);
     // A SubjectPublicKeyInfo.
     std::vector<std::uint8_t> to_der() const override;
+    bool is_rsa() const override;
 
 private:
     detail::evp_pkey_ptr key_;
