@@ -14,7 +14,10 @@
 // sharing one client: scans per second on one thread and resident memory per sensor.
 //
 //   overhead_bench [--rounds N] [--ops M] [--info-ops K] [--fleet N] [--fleet-passes P]
-//                  [--module PATH]
+//                  [--module PATH] [--only TEXT]
+//
+// --only keeps the scan variants whose name holds TEXT ("raw", "no log", "log written"),
+// for a profiler; the ratios then refer to the first one kept.
 #include <dlfcn.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -240,6 +243,7 @@ void run_interleaved(std::vector<variant>& variants, int rounds, int ops) {
             const double start = cpu_seconds();
             for (int i = 0; i < ops; ++i) v.op();
             v.per_op.push_back((cpu_seconds() - start) / ops);
+            if (getenv("BENCH_DEBUG")) std::fprintf(stderr, "%s %.2f\n", v.name.c_str(), v.per_op.back() * 1e6);
         }
     }
 }
@@ -251,6 +255,7 @@ struct options {
     int fleet = 1000;
     int fleet_passes = 10;
     std::string module;
+    std::string only;
 };
 
 options parse(int argc, char** argv) {
@@ -268,8 +273,9 @@ options parse(int argc, char** argv) {
         else if (flag == "--fleet") o.fleet = std::stoi(next());
         else if (flag == "--fleet-passes") o.fleet_passes = std::stoi(next());
         else if (flag == "--module") o.module = next();
+        else if (flag == "--only") o.only = next();
         else throw std::invalid_argument("unknown option " + flag +
-                                         " (--rounds N --ops M --info-ops K --fleet N --fleet-passes P --module PATH)");
+                                         " (--rounds N --ops M --info-ops K --fleet N --fleet-passes P --module PATH --only TEXT)");
     }
     if (o.rounds < 1 || o.ops < 1 || o.info_ops < 1 || o.fleet < 0 || o.fleet_passes < 1)
         throw std::invalid_argument("counts must be positive");
@@ -323,6 +329,13 @@ int run(const options& o) {
         {"module scan, no log directory", [&] { quiet.scan(1); }, {}},
         {"module scan, runtime log written", [&] { logged->scan(1); }, {}},
     };
+    if (!o.only.empty()) {
+        // One variant alone, for a profiler.
+        scans.erase(std::remove_if(scans.begin(), scans.end(),
+                                   [&](const variant& v) { return v.name.find(o.only) == std::string::npos; }),
+                    scans.end());
+        if (scans.empty()) throw std::invalid_argument("--only matches no variant");
+    }
     run_interleaved(scans, o.rounds, o.ops);
     print_medians(scans, "us", 1e6);
     check_scan(quiet, 1);

@@ -65,12 +65,14 @@ void custom_sensor::create_sensor_message_node() {
 }
 
 void custom_sensor::create_channel_nodes() {
+    channel_nodes.reserve(settings::custom_channel_count);
     for (int index = 0; index < settings::custom_channel_count; ++index) {
         const auto& channel = settings.channels[static_cast<std::size_t>(index)];
         if (channel.enabled && *channel.enabled != settings::channel::enable) continue;
         log_debug("Creating node channel " + std::to_string(index + 1) + " for node id: " + channel.nodeid);
-        channel_nodes[index] = services->create<readable_variable_node_interface>(channel.nodeid);
+        channel_nodes.emplace_back(index, services->create<readable_variable_node_interface>(channel.nodeid));
     }
+    channel_nodes.shrink_to_fit();
 }
 
 void custom_sensor::define_channels() {
@@ -104,6 +106,7 @@ void custom_sensor::define_channels() {
 // The nodes never change after creation, so neither does the list that reads them.
 void custom_sensor::build_read_request() {
     read_request.clear();
+    read_request.reserve(channel_nodes.size() + (sensor_message_node ? 1 : 0));
     for (const auto& [index, node] : channel_nodes) read_request.push_back(node);
     if (sensor_message_node) read_request.push_back(sensor_message_node);
 }

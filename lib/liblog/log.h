@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -58,12 +60,19 @@ public:
     std::size_t size() const;
     // Children whose limit is at least `level` get the line; dead children are pruned here.
     void write(severity level, const std::string& text) override;
-    // True when a live child's limit admits `level` and that child keeps it.
+    // True when a live child's limit admits `level` and that child keeps it. A sink's
+    // answer is taken to hold for its life; a multiplexer's changes only by add and
+    // remove, which every multiplexer hears of, so the answer is kept between them.
     bool keeps(severity level) const override;
 
 private:
+    std::uint64_t refresh(std::uint64_t generation) const;
+
     mutable std::mutex mutex_;
     std::map<std::weak_ptr<log_interface>, severity, std::owner_less<std::weak_ptr<log_interface>>> children_;
+    // The generation of children it was worked out for (high bits) and one bit for each
+    // severity 0 to 7 that some child keeps. Generation 0 is never current.
+    mutable std::atomic<std::uint64_t> kept_{0};
 };
 
 }  // namespace brenholt::monitoring_modules::liblog
