@@ -1,9 +1,11 @@
 #include "libvurohelper/logging.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <cstdlib>
 #include <ctime>
 
@@ -36,24 +38,51 @@ const char* severity_text(liblog::severity level) {
     return nullptr;
 }
 
-// "YYYY-MM-DD HH:MM:SS.mmm" in local time. The calendar part is worked out once per
-// second and thread; lines come many to the second.
-void append_time_stamp(std::string& out) {
+// Writes "YYYY-MM-DD HH:MM:SS.mmm" in local time to `out`, which has room for 24
+// characters, and returns the length. The calendar part is worked out once per second
+// and thread; lines come many to the second.
+std::size_t time_stamp(char* out) {
+    struct second_text {
+        std::time_t second = -1;
+        char text[24] = {};
+        std::size_t length = 0;
+    };
+    thread_local second_text cached;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    thread_local std::time_t cached_second = -1;
-    thread_local char cached_text[32] = {};
-    if (now.tv_sec != cached_second) {
+    if (now.tv_sec != cached.second) {
         std::tm local{};
         localtime_r(&now.tv_sec, &local);
-        if (std::strftime(cached_text, sizeof cached_text, "%Y-%m-%d %H:%M:%S", &local) == 0) cached_text[0] = '\0';
-        cached_second = now.tv_sec;
+        cached.length = std::strftime(cached.text, sizeof cached.text, "%Y-%m-%d %H:%M:%S", &local);
+        cached.second = now.tv_sec;
     }
-    out += cached_text;
+    std::memcpy(out, cached.text, cached.length);
     const long ms = now.tv_nsec / 1000000;
-    const char fraction[] = {'.', static_cast<char>('0' + ms / 100), static_cast<char>('0' + ms / 10 % 10),
-                             static_cast<char>('0' + ms % 10)};
-    out.append(fraction, sizeof fraction);
+    char* fraction = out + cached.length;
+    fraction[0] = '.';
+    fraction[1] = static_cast<char>('0' + ms / 100);
+    fraction[2] = static_cast<char>('0' + ms / 10 % 10);
+    fraction[3] = static_cast<char>('0' + ms % 10);
+    return cached.length + 4;
+}
+
+// Writes all of `parts`, going on after a short write.
+void write_all(int fd, iovec* parts, int count) {
+    while (count > 0) {
+        const ssize_t n = ::writev(fd, parts, count);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        auto done = static_cast<std::size_t>(n);
+        while (count > 0 && done >= parts->iov_len) {
+            done -= parts->iov_len;
+            ++parts;
+            --count;
+        }
+        if (count > 0) {
+            parts->iov_base = static_cast<char*>(parts->iov_base) + done;
+            parts->iov_len -= done;
+        }
+    }
 }
 }  // namespace
 
@@ -82,36 +111,33 @@ int file_log::descriptor() {
     return fd;
 }
 
-// Each line goes to the kernel with one write(2) of its own, with no buffer in this
-// process: a crash of the process leaves every line written before it in the file,
-// and the cost is one system call per line. Lines are not synced to the disk, which
-// only a failure of the whole machine could lose. Append mode makes each write land at
-// the end as one piece, so several log objects on one file, and several threads, never
-// tear or overwrite a line.
+// Each line goes to the kernel with one system call of its own, with no buffer in this
+// process: a crash of the process leaves every line written before it in the file, and
+// the cost is one call per line. Lines are not synced to the disk, which only a failure
+// of the whole machine could lose. Append mode puts each call's bytes at the end in one
+// piece, so several log objects on one file, and several threads, never tear or
+// overwrite a line.
 void file_log::write(liblog::severity level, const std::string& text) {
     if (path_.empty()) return;
     const int fd = descriptor();
     if (fd < 0) return;
-    thread_local std::string line;
-    line.clear();
-    append_time_stamp(line);
-    line += ' ';
-    if (const char* name = severity_text(level))
-        line += name;
-    else
-        line += std::to_string(static_cast<int>(level));
-    line += ' ';
-    line += text;
-    line += '\n';
-    std::size_t done = 0;
-    while (done < line.size()) {
-        const ssize_t n = ::write(fd, line.data() + done, line.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<std::size_t>(n);
+    // Time stamp, severity and a blank each way: at most 24 + 1 + 11 + 1 characters.
+    char prefix[48];
+    std::size_t length = time_stamp(prefix);
+    prefix[length++] = ' ';
+    const char* name = severity_text(level);
+    std::string number;
+    if (name == nullptr) {
+        number = std::to_string(static_cast<int>(level));
+        name = number.c_str();
     }
-    // A very long line (sensor data as JSON) must not keep its memory for the thread's life.
-    if (line.capacity() > 16384) std::string().swap(line);
+    const std::size_t name_length = std::strlen(name);
+    std::memcpy(prefix + length, name, name_length);
+    length += name_length;
+    prefix[length++] = ' ';
+    char line_feed = '\n';
+    iovec parts[3] = {{prefix, length}, {const_cast<char*>(text.data()), text.size()}, {&line_feed, 1}};
+    write_all(fd, parts, 3);
 }
 
 sensor_log::sensor_log(int sensor_id) : file_log("sensor_" + std::to_string(sensor_id) + ".log") {}
