@@ -95,8 +95,8 @@ bool session_active(UA_Client* client) {
 }
 
 // The stack's own lines all go to the client's log at debug, whatever their level: they
-// are trace for whoever reads the sensor log, not findings of the sensor.
-// The stack writes a dozen lines a request; they are expanded only when some log keeps them.
+// are trace for whoever reads the sensor log, not findings of the sensor. A request
+// brings a dozen of them, so they are expanded only when some log keeps them.
 void forward_stack_line(void* context, UA_LogLevel, UA_LogCategory, const char* format, va_list args) {
     if (context == nullptr) return;
     auto* log = static_cast<liblog::log_interface*>(context);
