@@ -3,7 +3,6 @@
 #include <climits>
 #include <cstring>
 #include <new>
-#include <regex>
 
 #include "client/exceptions.h"
 
@@ -14,12 +13,41 @@ namespace {
 // The index is read with std::stol, whose range is what "too large" means here.
 static_assert(sizeof(long) * CHAR_BIT == 64, "the array index is read as a signed 64-bit long");
 
-const std::regex& array_access_pattern() {
-    // Built at first use; the initialisation of a local static is thread-safe and
-    // matching only reads it.
-    static const std::regex pattern(R"re(^(?:(?:'([^']+)')|(?:"([^"]+)"))(?:\[([0-9]+)\])$)re",
-                                    std::regex::ECMAScript);
-    return pattern;
+// The parts of a quoted NodeID with an index: '<id>'[<digits>] or "<id>"[<digits>].
+struct array_text {
+    std::string node;
+    std::string digits;
+};
+
+// Scans the text in one pass, without backtracking and without recursion, so its length
+// costs no stack. The language is: a single or double quote, at least one character that
+// is not that quote, the same quote, "[", at least one ASCII digit, "]", and the end.
+bool split_array_text(const std::string& text, array_text& parts) {
+    if (text.empty() || (text[0] != '\'' && text[0] != '"')) {
+        return false;
+    }
+    const char quote = text[0];
+    const std::size_t close = text.find(quote, 1);
+    if (close == std::string::npos || close == 1) {
+        return false;
+    }
+    const std::size_t open_bracket = close + 1;
+    if (open_bracket >= text.size() || text[open_bracket] != '[' || text.back() != ']') {
+        return false;
+    }
+    const std::size_t first_digit = open_bracket + 1;
+    const std::size_t close_bracket = text.size() - 1;
+    if (first_digit >= close_bracket) {
+        return false;
+    }
+    for (std::size_t i = first_digit; i < close_bracket; ++i) {
+        if (text[i] < '0' || text[i] > '9') {
+            return false;
+        }
+    }
+    parts.node = text.substr(1, close - 1);
+    parts.digits = text.substr(first_digit, close_bracket - first_digit);
+    return true;
 }
 
 }  // namespace
@@ -45,14 +73,13 @@ node_id_ptr parse_node_id(const std::string& text) {
 }
 
 array_access parse_array_access(const std::string& text) {
-    std::smatch match;
-    if (!std::regex_match(text, match, array_access_pattern())) {
+    array_text parts;
+    if (!split_array_text(text, parts)) {
         throw exceptions::invalid_array_syntax(text);
     }
-    const std::string node_text = match[1].matched ? match[1].str() : match[2].str();
-    node_id_ptr id = parse_node_id(node_text);
+    node_id_ptr id = parse_node_id(parts.node);
     // Throws std::out_of_range past signed 64 bits; the id is released on the way out.
-    const long index = std::stol(match[3].str());
+    const long index = std::stol(parts.digits);
     return {std::move(id), static_cast<std::uint64_t>(index)};
 }
 

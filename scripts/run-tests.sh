@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
-# Builds the project twice and runs every test suite in both builds:
-#   build/       the regular build
-#   build-asan/  with AddressSanitizer and UndefinedBehaviorSanitizer
+# Builds the project in each configuration below and runs its tests there:
+#   build/       the regular build: every suite
+#   build-asan/  AddressSanitizer and UndefinedBehaviorSanitizer: every suite
+#   build-tsan/  ThreadSanitizer: the tests labelled tsan, when CMakeLists.txt has OPCUA_TSAN
+#   build-fuzz/  clang with libFuzzer: the tests labelled fuzz, when CMakeLists.txt has OPCUA_FUZZ
+# A build that fails does not stop the next one. The output ends with one line per build
+# and then "N passed, N failed" over all builds, where a build that does not configure,
+# compile or find its tests counts as one failure. Exits 1 when anything failed.
 # Usage: scripts/run-tests.sh [--no-setup] [--no-asan]
-set -euo pipefail
+set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
@@ -17,25 +22,107 @@ for a in "$@"; do
 done
 
 if [ "$setup" = 1 ]; then
-  bash scripts/setup-deps.sh
+  bash scripts/setup-deps.sh || exit 1
 fi
 
 jobs=$(nproc 2>/dev/null || echo 2)
+launcher=()
+if command -v ccache >/dev/null 2>&1; then
+  launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
 
-run_suite() {
-  local dir=$1 type=$2; shift 2
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" "$@" >/dev/null
-  cmake --build "$dir" -j "$jobs"
-  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300)
+summary=()
+passed_total=0 failed_total=0
+
+note() { summary+=("$(printf '%-11s %s' "$1" "$2")"); }
+broken() { note "$1" "$2"; failed_total=$((failed_total + 1)); }
+has_option() { grep -qw "$1" CMakeLists.txt; }
+
+# run_build DIR TITLE BUILD_TYPE TARGET LABEL [cmake arguments...]
+# Configures DIR, builds TARGET (everything when empty), runs the tests labelled LABEL
+# (every test when empty) and adds the build's line to the summary.
+run_build() {
+  local dir=$1 title=$2 type=$3 target=$4 label=$5; shift 5
+  echo "== $dir: $title =="
+  local out
+  if ! out=$(cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" "${launcher[@]}" "$@" 2>&1); then
+    echo "$out"
+    broken "$dir" "failed to configure"
+    return
+  fi
+  if ! cmake --build "$dir" -j "$jobs" ${target:+--target "$target"}; then
+    broken "$dir" "failed to build${target:+ $target}"
+    return
+  fi
+
+  local select=()
+  [ -n "$label" ] && select=(-L "^$label\$")
+  local log=$dir/ctest.log
+  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 "${select[@]}") 2>&1 | tee "$log"
+
+  local line total failed
+  line=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n1)
+  if [ -z "$line" ]; then
+    broken "$dir" "no result from ctest${label:+ (are there tests labelled $label?)}"
+    return
+  fi
+  failed=$(sed -E 's/.* ([0-9]+) tests? failed out of.*/\1/' <<<"$line")
+  total=$(sed -E 's/.*out of ([0-9]+).*/\1/' <<<"$line")
+
+  # Suites are the CTest labels; failures are counted per suite from ctest's list.
+  local labels=() names failed_names l n count suites="" where=""
+  failed_names=$(sed -n '/^The following tests FAILED:/,$p' "$log" \
+                   | sed -nE 's/^[[:space:]]+[0-9]+ - (.*) \([^()]*\)$/\1/p')
+  if [ -n "$label" ]; then
+    labels=("$label")
+  else
+    mapfile -t labels < <(cd "$dir" && ctest --print-labels | sed -n 's/^  *//p' | grep -v '^All Labels:')
+  fi
+  for l in "${labels[@]}"; do
+    suites+="${suites:+, }$l"
+    [ -n "$failed_names" ] || continue
+    names=$(cd "$dir" && ctest -N -L "^$l\$" | sed -nE 's/^ *Test +#[0-9]+: //p')
+    count=0
+    while IFS= read -r n; do
+      grep -qxF -- "$n" <<<"$names" && count=$((count + 1))
+    done <<<"$failed_names"
+    [ "$count" -gt 0 ] && where+="${where:+, }$l $count"
+  done
+  note "$dir" "suites ${suites:-none}: $total tests, $((total - failed)) passed, $failed failed${where:+ ($where)}"
+  passed_total=$((passed_total + total - failed))
+  failed_total=$((failed_total + failed))
 }
 
-echo "== regular build =="
-run_suite build RelWithDebInfo
-if [ "$asan" = 1 ]; then
-  echo "== sanitizer build (address, undefined) =="
+run_build build "regular build" RelWithDebInfo "" ""
+
+if [ "$asan" = 0 ]; then
+  note build-asan "not run: --no-asan"
+else
   # Leak checking stays on; open62541 and protobuf free what they allocate. Unoptimised:
   # the sanitizers find the same faults, and the build takes half the time.
   ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1} UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1} \
-    run_suite build-asan Debug -DOPCUA_SANITIZE=ON -DOPCUA_BUILD_BENCH=OFF
+    run_build build-asan "AddressSanitizer and UndefinedBehaviorSanitizer" Debug "" "" \
+      -DOPCUA_SANITIZE=ON -DOPCUA_BUILD_BENCH=OFF
 fi
-echo "all test suites passed"
+
+if ! has_option OPCUA_TSAN; then
+  note build-tsan "not run: CMakeLists.txt has no OPCUA_TSAN option"
+else
+  run_build build-tsan "ThreadSanitizer" RelWithDebInfo tsan_tests tsan \
+    -DOPCUA_TSAN=ON -DOPCUA_BUILD_BENCH=OFF
+fi
+
+if ! has_option OPCUA_FUZZ; then
+  note build-fuzz "not run: CMakeLists.txt has no OPCUA_FUZZ option"
+elif ! command -v clang++ >/dev/null 2>&1; then
+  broken build-fuzz "not run: clang++ is not installed (scripts/setup-deps.sh installs it)"
+else
+  run_build build-fuzz "fuzz targets (clang, libFuzzer)" RelWithDebInfo fuzz_targets fuzz \
+    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DOPCUA_FUZZ=ON -DOPCUA_BUILD_BENCH=OFF
+fi
+
+echo
+echo "== summary =="
+printf '%s\n' "${summary[@]}"
+echo "$passed_total passed, $failed_total failed"
+[ "$failed_total" -eq 0 ]

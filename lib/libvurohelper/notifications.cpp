@@ -4,20 +4,26 @@
 
 #include "libvurohelper/exceptions.h"
 #include "libvurohelper/messaging.h"
+#include "libvurohelper/sensitive.h"
 #include "vuro.pb.h"
 
 namespace brenholt::monitoring_modules::libvurohelper::notifications {
 
 namespace ex = utils::exceptions;
 
+// Wiped before release like the sensor data: it carries the same credentials.
 struct request_content {
     brenholt::vuro::wire::NotificationRequest data;
+    ~request_content() {
+        detail::wipe_values(*data.mutable_settings());
+        detail::wipe_values(*data.mutable_secure_settings());
+    }
 };
 
 request::request(const void* data, unsigned int size) {
-    const std::string payload = messaging::unwrap(data, size, messaging::message_type::notification_request);
+    const detail::wiped_payload payload{messaging::unwrap(data, size, messaging::message_type::notification_request)};
     auto content = std::make_shared<request_content>();
-    if (!content->data.ParseFromString(payload))
+    if (!content->data.ParseFromString(payload.bytes))
         throw ex::message_deserialization_failed("NOTIFICATION_REQUEST", std::to_string(size));
     content_ = std::move(content);
 }
@@ -50,9 +56,9 @@ std::string request::to_json() const {
     doc["timeout_s"] = content_->data.timeout_s();
     doc["log_level"] = content_->data.log_level();
     nlohmann::json plain = nlohmann::json::object();
-    for (const auto& [k, v] : content_->data.settings()) plain[k] = v;
+    for (const auto& [k, v] : content_->data.settings()) plain[k] = detail::is_key_material(k, v) ? detail::masked(v) : v;
     nlohmann::json secure = nlohmann::json::object();
-    for (const auto& [k, v] : content_->data.secure_settings()) secure[k] = v.empty() ? "" : "********";
+    for (const auto& [k, v] : content_->data.secure_settings()) secure[k] = detail::masked(v);
     doc["settings"] = std::move(plain);
     doc["secure_settings"] = std::move(secure);
     return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);

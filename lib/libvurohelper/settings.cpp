@@ -8,31 +8,59 @@
 #include <nlohmann/json.hpp>
 
 #include "libvurohelper/exceptions.h"
+#include "libvurohelper/sensitive.h"
 #include "vuro.pb.h"
 
 namespace brenholt::monitoring_modules::libvurohelper::settings {
 
 namespace ex = utils::exceptions;
 
-void secure_string::wipe() noexcept {
-    if (value_.capacity() != 0) {
-        // volatile keeps the compiler from dropping stores to memory about to be freed.
-        volatile char* p = &value_[0];
-        for (std::size_t i = 0; i < value_.capacity(); ++i) p[i] = 0;
-    }
-    value_.clear();
+}  // namespace brenholt::monitoring_modules::libvurohelper::settings
+
+namespace brenholt::monitoring_modules::libvurohelper::detail {
+
+void wipe(std::string& text) noexcept {
+    // volatile keeps the compiler from dropping stores to memory about to be freed.
+    volatile char* p = text.data();
+    for (std::size_t i = 0; i < text.capacity(); ++i) p[i] = 0;
+    text.clear();
 }
+
+void wipe_values(google::protobuf::Map<std::string, std::string>& map) noexcept {
+    for (auto& entry : map) wipe(entry.second);
+}
+
+bool is_key_material(const std::string& key, const std::string& value) {
+    static const std::string name = "client_key";
+    const bool named = key.size() >= name.size() && key.compare(key.size() - name.size(), name.size(), name) == 0 &&
+                       (key.size() == name.size() || key[key.size() - name.size() - 1] == '.');
+    // The block's own marker: "-----BEGIN [RSA |EC |ENCRYPTED ]PRIVATE KEY-----" and its end.
+    return named || value.find("PRIVATE KEY") != std::string::npos;
+}
+
+}  // namespace brenholt::monitoring_modules::libvurohelper::detail
+
+namespace brenholt::monitoring_modules::libvurohelper::settings {
+
+void secure_string::wipe() noexcept { detail::wipe(value_); }
 
 settings_source::~settings_source() = default;
 
+// The decoded data holds the secure values, and plain key material too: all of it is
+// wiped before the heap gets it back.
 struct sensor_data_content {
     brenholt::vuro::wire::SensorData data;
+    ~sensor_data_content() {
+        detail::wipe_values(*data.mutable_settings());
+        detail::wipe_values(*data.mutable_secure_settings());
+        detail::wipe_values(*data.mutable_persistent_data());
+    }
 };
 
 sensor_data_wrapper::sensor_data_wrapper(const void* data, unsigned int size) {
-    const std::string payload = messaging::unwrap(data, size, messaging::message_type::sensor_data);
+    const detail::wiped_payload payload{messaging::unwrap(data, size, messaging::message_type::sensor_data)};
     auto content = std::make_shared<sensor_data_content>();
-    if (!content->data.ParseFromString(payload))
+    if (!content->data.ParseFromString(payload.bytes))
         throw ex::message_deserialization_failed("SENSOR_DATA", std::to_string(size));
     content_ = std::move(content);
 }
@@ -72,13 +100,15 @@ std::string sensor_data_wrapper::to_json() const {
     nlohmann::json doc = nlohmann::json::object();
     doc["kind"] = content_->data.kind();
     nlohmann::json settings = nlohmann::json::object();
-    for (const auto& [k, v] : content_->data.settings()) settings[k] = v;
+    for (const auto& [k, v] : content_->data.settings())
+        settings[k] = detail::is_key_material(k, v) ? detail::masked(v) : v;
     nlohmann::json secure = nlohmann::json::object();
-    for (const auto& [k, v] : content_->data.secure_settings()) secure[k] = v.empty() ? "" : "********";
+    for (const auto& [k, v] : content_->data.secure_settings()) secure[k] = detail::masked(v);
     nlohmann::json channels = nlohmann::json::object();
     for (const auto& [id, name] : content_->data.channels()) channels[std::to_string(id)] = name;
     nlohmann::json persistent = nlohmann::json::object();
-    for (const auto& [k, v] : content_->data.persistent_data()) persistent[k] = v;
+    for (const auto& [k, v] : content_->data.persistent_data())
+        persistent[k] = detail::is_key_material(k, v) ? detail::masked(v) : v;
     doc["settings"] = std::move(settings);
     doc["secure_settings"] = std::move(secure);
     doc["channels"] = std::move(channels);

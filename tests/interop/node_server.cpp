@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -52,6 +54,7 @@ node_server::node_server(nlohmann::json options) {
     const std::string script = script_path().string();
     const std::string json = options.dump();
     const std::string err_path = (dir_ / "server.err").string();
+    const std::string exec_failed = "cannot run " + node + "\n";
     std::vector<char*> argv{const_cast<char*>(node.c_str()), const_cast<char*>(script.c_str()),
                             const_cast<char*>(json.c_str()), nullptr};
 
@@ -72,6 +75,7 @@ node_server::node_server(nlohmann::json options) {
         ::dup2(out[1], STDOUT_FILENO);
         if (err >= 0) ::dup2(err, STDERR_FILENO);
         ::execvp(argv[0], argv.data());
+        [[maybe_unused]] const ssize_t said = ::write(STDERR_FILENO, exec_failed.data(), exec_failed.size());
         ::_exit(127);
     }
     ::close(in[0]);
@@ -98,10 +102,17 @@ nlohmann::json node_server::next_object(clock_type::time_point deadline) {
         if (stdout_fd_ < 0) return nullptr;
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
         if (left.count() <= 0) return nullptr;
+        // Short slices: a grandchild holding the pipe open must not hide that the
+        // server itself has died. Once it has, only what it left in the pipe counts.
         pollfd p{stdout_fd_, POLLIN, 0};
-        const int n = ::poll(&p, 1, static_cast<int>(left.count()));
+        const int n = ::poll(&p, 1, exited_ ? 0 : static_cast<int>(std::min<std::int64_t>(left.count(), 200)));
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return nullptr;
+        if (n < 0) return nullptr;
+        if (n == 0) {
+            if (exited_) return nullptr;
+            reap();
+            continue;
+        }
         char buffer[4096];
         const ssize_t got = ::read(stdout_fd_, buffer, sizeof buffer);
         if (got < 0 && errno == EINTR) continue;
@@ -124,6 +135,10 @@ const nlohmann::json& node_server::wait_ready(std::chrono::milliseconds limit) {
         ready_ = line;
         return ready_;
     }
+    // Output closed: the child is on its way out; give it a moment to be reaped.
+    if (stdout_fd_ < 0) reap(true);
+    if (const auto ended = exit_description(); !ended.empty())
+        throw std::runtime_error("node-opcua server " + ended + " before it was ready" + error_output());
     throw std::runtime_error("node-opcua server did not report ready within " + std::to_string(limit.count()) +
                              " ms" + error_output());
 }
@@ -141,8 +156,12 @@ void node_server::command(const nlohmann::json& line, std::chrono::milliseconds 
         done += static_cast<std::size_t>(n);
     }
     const auto answer = next_object(clock_type::now() + limit);
-    if (answer.is_null() || !answer.contains("ok"))
-        throw std::runtime_error("no answer to " + line.dump() + " from the node-opcua server" + error_output());
+    if (answer.is_null() || !answer.contains("ok")) {
+        if (stdout_fd_ < 0) reap(true);
+        const auto ended = exit_description();
+        throw std::runtime_error("no answer to " + line.dump() + " from the node-opcua server" +
+                                 (ended.empty() ? std::string() : " (it " + ended + ")") + error_output());
+    }
     if (!answer.at("ok").get<bool>())
         throw std::runtime_error("node-opcua server refused " + line.dump() + ": " +
                                  answer.value("error", std::string()));
@@ -165,6 +184,31 @@ bool node_server::stop() {
     }
     pid_ = -1;
     return clean;
+}
+
+bool node_server::reap(bool block) {
+    if (exited_) return true;
+    if (pid_ <= 0) return false;
+    // Bounded even when blocking: a child that closed its output yet lingers is
+    // reported as not ready, not waited for.
+    for (int wait = 0; wait < (block ? 100 : 1); ++wait) {
+        if (wait > 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+            exited_ = true;
+            exit_status_ = status;
+            pid_ = -1;
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string node_server::exit_description() {
+    if (!reap()) return {};
+    if (WIFEXITED(exit_status_)) return "exited with status " + std::to_string(WEXITSTATUS(exit_status_));
+    if (WIFSIGNALED(exit_status_)) return "was killed by signal " + std::to_string(WTERMSIG(exit_status_));
+    return "ended";
 }
 
 std::string node_server::error_output() const {

@@ -27,8 +27,9 @@ public:
     node_server& operator=(const node_server&) = delete;
 
     // Waits for the ready line, at most `limit`; raises std::runtime_error with the
-    // child's error output when it does not come. Returns the ready line. node-opcua
-    // makes a key pair at each start, which takes tens of seconds on a busy machine.
+    // child's error output when it does not come, at once when the child exits first.
+    // Returns the ready line. node-opcua makes a key pair at each start, which takes
+    // tens of seconds on a busy machine.
     const nlohmann::json& wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(90));
 
     // Sends one command line ({"diagnostics":false}, {"set":{...}}) and waits for its
@@ -45,12 +46,19 @@ public:
 
 private:
     std::string error_output() const;
+    // How the child ended ("exited with status 1", "was killed by signal 9"), or empty
+    // while it runs.
+    std::string exit_description();
+    // Collects the child's status if it has ended; true when it has.
+    bool reap(bool block = false);
     // The next line on the child's stdout that parses as a JSON object, or null when
-    // none comes before the deadline or the child closes its output.
+    // none comes before the deadline, the child closes its output or the child exits.
     nlohmann::json next_object(std::chrono::steady_clock::time_point deadline);
 
     std::filesystem::path dir_;
     pid_t pid_ = -1;
+    int exit_status_ = 0;
+    bool exited_ = false;
     int stdin_fd_ = -1;
     int stdout_fd_ = -1;
     std::string pending_;

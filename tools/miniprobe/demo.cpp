@@ -12,6 +12,8 @@
 #include "opcua_sim/beckhoff.h"
 #include "opcua_sim/diagnostics.h"
 #include "opcua_sim/server.h"
+#include "opcua_sim/certificate.h"
+#include "presentation.h"
 #include "sensor_data_builder.h"
 
 namespace miniprobe {
@@ -28,6 +30,9 @@ struct check_step {
     bool expected;
 };
 
+// Lines reach the reader in the order they were written, also when stdout is a file.
+std::ostream& flushed(std::ostream& out) { return out << std::flush; }
+
 // One scan of a sensor: what the simulator's operator changes before it, and what the
 // scan must answer for the step to count as expected.
 struct scan_step {
@@ -39,50 +44,21 @@ struct scan_step {
 
 struct sensor_run {
     std::string title;
+    std::string expected;  // one line for the reader: what this section should show
     std::string sensor;
     std::vector<setting> overrides;
     std::vector<scan_step> scans;
 };
 
-// A channel as the probe's interface would show it.
-struct channel_view {
-    std::string name;
-    std::string unit;
-    std::string lookup;
-};
-
-// The English text of a key from the definition's text table, "%%" shown as "%".
-std::string english(const ordered_json& definition, const std::string& key) {
-    const auto* table = &definition;
-    for (const char* step : {"Text", "English", "Translation"}) {
-        if (!table->contains(step)) return key;
-        table = &table->at(step);
-    }
-    if (!table->contains(key)) return key;
-    std::string text = table->at(key).value("Display", key);
-    for (auto at = text.find("%%"); at != std::string::npos; at = text.find("%%", at + 1)) text.erase(at, 1);
-    return text;
-}
-
-// The custom sensor names its channels itself; the fixed sensors send a text key.
 void note_channel(const ordered_json& definition, const ordered_json& body, std::map<int, channel_view>& channels) {
-    const std::string display = body.value("display_name", "");
-    channels[body.value("id", 0)] = {display.empty() ? english(definition, body.value("name", "")) : display,
-                                     body.value("custom_unit", ""), body.value("lookup", "")};
-}
-
-std::string shown_value(const ordered_json& definition, const ordered_json& value, const channel_view& channel) {
-    const std::string text =
-        value.contains("floating") ? value.at("floating").dump() : value.value("integer", std::string("?"));
-    if (!channel.lookup.empty()) return text + " (" + english(definition, "lookup." + channel.lookup + "." + text) + ")";
-    return channel.unit.empty() ? text : text + " " + channel.unit;
+    channels[body.value("id", 0)] = view_channel(definition, body);
 }
 
 // Creates the sensor, runs its scans and prints each result; returns the number of
 // steps that did not end as expected.
 int run_sensor(probe_host& host, const ordered_json& definition, const sensor_run& run, int sensor_id,
                std::ostream& out) {
-    out << "\n" << run.title << ":\n";
+    out << "\n" << run.title << ":\n  Expected: " << run.expected << "\n";
     build_request request;
     request.name = run.sensor;
     request.overrides = run.overrides;
@@ -115,15 +91,13 @@ int run_sensor(probe_host& host, const ordered_json& definition, const sensor_ru
             const auto& values = m.body.at("channels");
             const bool as_expected = code == 0 && response == step.response_code && values.size() == step.values;
             unexpected += !as_expected;
-            out << "  " << step.title << ": response code " << response << ", message \""
-                << m.body.at("message").value("text", "") << "\"" << (as_expected ? "" : "   <-- unexpected") << "\n";
+            out << "  " << step.title << ": response code " << response << " (" << response_code_text(response)
+                << "), message \"" << m.body.at("message").value("text", "") << "\""
+                << (as_expected ? "" : "   <-- unexpected") << "\n";
             if (defined > 0) out << "    (" << defined << " channels defined by this scan)\n";
-            for (const auto& v : values) {
-                const auto& channel = channels[v.value("channel_id", 0)];
-                out << "    " << std::left << std::setw(34) << channel.name << " "
-                    << shown_value(definition, v, channel) << "\n";
-            }
+            out << value_lines(definition, channels, values, "    ", false);
         }
+        flushed(out);
         if (!answered) {
             out << "  " << step.title << ": no result, ExecuteSensorScan returned " << code << "   <-- unexpected\n";
             ++unexpected;
@@ -150,7 +124,10 @@ sensor_run custom_sensor_run(opcua_sim::server& server) {
         {"ns=2;s=StringNumber", "kg", "Load (parsed from text)"},
         {"ns=2;s=Changeable", "rpm", "Spindle speed"},
     };
-    sensor_run run{"Custom sensor with " + std::to_string(channels.size()) + " channels", "custom_sensor",
+    sensor_run run{"Custom sensor with " + std::to_string(channels.size()) + " channels",
+                   "response code 0 at every scan, the message read from ns=2;s=SensorMessage, values with "
+                   "the units set for them, the spindle 250 rpm faster at each scan",
+                   "custom_sensor",
                    {{"credentials.connection_opcua.port", std::to_string(server.port())},
                     {"custom.sensor_message_custom.nodeid", "ns=2;s=SensorMessage"}},
                    {}};
@@ -181,6 +158,8 @@ sensor_run custom_sensor_run(opcua_sim::server& server) {
 sensor_run server_status_run(opcua_sim::server& server) {
     auto diagnostics = [&server](bool on) { return [&server, on] { opcua_sim::diagnostics_set_enabled(server, on); }; };
     return {"OPC UA Server Status",
+            "2 channels while the server's diagnostics are off, 10 once they are on; when they are "
+            "taken back, response code 1, which is a warning, not a failure",
             "server_status_sensor",
             {{"credentials.connection_opcua.port", std::to_string(server.port())}},
             {{"diagnostics off", diagnostics(false), 0, 2},
@@ -188,8 +167,9 @@ sensor_run server_status_run(opcua_sim::server& server) {
              {"diagnostics taken back", diagnostics(false), 1, 2}}};
 }
 
-sensor_run certificate_run(const opcua_sim::server& server, const std::string& title) {
+sensor_run certificate_run(const opcua_sim::server& server, const std::string& title, const std::string& expected) {
     return {title,
+            expected,
             "certificate_sensor",
             {{"credentials.connection_opcua.port", std::to_string(server.port())}},
             {{"scan", nullptr, 0, 3}}};
@@ -205,34 +185,20 @@ sensor_run beckhoff_run(opcua_sim::server& ipc, opcua_sim::beckhoff_status& stat
         };
     };
     return {"Beckhoff IPC System Health against a second opcua-sim (" + ipc.endpoint_url() + ")",
+            "response code 0 at both scans; once the RAID controller is offline its reason is the "
+            "sensor's message: an error text with response code 0 is the sensor's message, not a failure, "
+            "and the RAID channel's lookup (Offline) carries the alarm",
             "beckhoff_ipc_system_status_sensor",
             {{"credentials.connection_opcua.port", std::to_string(ipc.port())}},
             {{"RAID controller good", raid(1, 0), 0, 6}, {"RAID controller offline, bus degraded", raid(3, 2), 0, 6}}};
 }
 
-int run_checks(probe_host& host, const ordered_json& definition, const std::string& port, std::ostream& out) {
-    const setting at_port{"credentials.connection_opcua.port", port};
-    const std::vector<setting> as_operator = {at_port,
-                                              {"credentials.user_authentication.user_auth_mode", "username_password"},
-                                              {"credentials.user_authentication.user", "operator"}};
-    auto with_password = [&as_operator](const std::string& password) {
-        std::vector<setting> overrides = as_operator;
-        overrides.push_back({"credentials.user_authentication.password", password});
-        return overrides;
-    };
-    const std::vector<check_step> steps = {
-        {"endpoint check, anonymous, no security", "endpoint_validation_check", {at_port}, true},
-        {"connection check, anonymous, no security", "connection_check", {at_port}, true},
-        {"connection check, user name and password", "connection_check", with_password("demo-password"), true},
-        {"connection check, wrong password", "connection_check", with_password("guess"), false},
-        {"endpoint check, wrong password (no session is opened)", "endpoint_validation_check",
-         with_password("guess"), true},
-        {"connection check, nothing listening", "connection_check", {{"credentials.connection_opcua.port", "1"}},
-         false},
-    };
-    out << "Checks:\n";
+int run_checks(probe_host& host, const ordered_json& definition, const std::string& title,
+               const std::string& expected, const std::vector<check_step>& steps, int& id, std::ostream& out) {
+    out << title << ":\n  Expected: " << expected << "\n";
+    std::size_t width = 0;
+    for (const auto& step : steps) width = std::max(width, step.title.size());
     int unexpected = 0;
-    int id = 1;
     for (const auto& step : steps) {
         build_request request;
         request.name = step.check;
@@ -244,23 +210,72 @@ int run_checks(probe_host& host, const ordered_json& definition, const std::stri
             if (m.type == "CHECK_RESULT") success = m.body.value("success", false);
         const bool as_expected = code == 0 && success == step.expected;
         unexpected += !as_expected;
-        out << "  " << std::left << std::setw(58) << step.title << (success ? "passed" : "failed")
-            << (as_expected ? "" : "   <-- unexpected") << "\n";
+        out << "  " << std::left << std::setw(static_cast<int>(width) + 2) << step.title
+            << (success ? "passed" : "failed") << (as_expected ? "" : "   <-- unexpected") << "\n";
+        flushed(out);
     }
     return unexpected;
 }
 
+std::vector<check_step> plant_checks(const std::string& port) {
+    const setting at_port{"credentials.connection_opcua.port", port};
+    const std::vector<setting> as_operator = {at_port,
+                                              {"credentials.user_authentication.user_auth_mode", "username_password"},
+                                              {"credentials.user_authentication.user", "operator"}};
+    auto with_password = [&as_operator](const std::string& password) {
+        std::vector<setting> overrides = as_operator;
+        overrides.push_back({"credentials.user_authentication.password", password});
+        return overrides;
+    };
+    return {
+        {"endpoint check, anonymous, no security", "endpoint_validation_check", {at_port}, true},
+        {"connection check, anonymous, no security", "connection_check", {at_port}, true},
+        {"connection check, user name and password", "connection_check", with_password("demo-password"), true},
+        {"connection check, wrong password", "connection_check", with_password("guess"), false},
+        {"endpoint check, wrong password (no session is opened)", "endpoint_validation_check",
+         with_password("guess"), true},
+        {"connection check, nothing listening", "connection_check", {{"credentials.connection_opcua.port", "1"}},
+         false},
+    };
+}
+
+// Against a server that trusts no client certificate: a signed channel is refused,
+// while mode none needs no trust.
+std::vector<check_step> strict_checks(const std::string& port) {
+    opcua_sim::certificate_request client;
+    client.common_name = "miniprobe demo client";
+    client.application_uri = "urn:miniprobe:demo";
+    const auto material = opcua_sim::make_self_signed_certificate(client);
+    const setting at_port{"credentials.connection_opcua.port", port};
+    return {
+        {"connection check, Sign with an untrusted client certificate",
+         "connection_check",
+         {at_port,
+          {"credentials.connection_security.security_mode", "sign"},
+          {"credentials.connection_security.security_policy", "Basic256Sha256"},
+          {"credentials.connection_security.client_certificate",
+           opcua_sim::certificate_der_to_pem(material.certificate_der)},
+          {"credentials.connection_security.client_key", opcua_sim::private_key_der_to_pem(material.private_key_der)}},
+         false},
+        {"endpoint check, anonymous, no security", "endpoint_validation_check", {at_port}, true},
+    };
+}
+
 }  // namespace
 
-int run_demo(probe_host& host, std::ostream& out) {
+int run_demo(probe_host& host, std::ostream& out, const std::string& log_dir) {
+    // The simulators' own log would land between the demo's lines: into files, or off.
+    auto log_file = [&log_dir](const std::string& name) {
+        return log_dir.empty() ? std::string("/dev/null") : log_dir + "/opcua-sim-" + name + ".log";
+    };
     opcua_sim::options options;
     options.users = {{"operator", "demo-password"}};
     options.certificate.generate.key_bits = 2048;
     options.certificate.generate.valid_days = 365;
     options.address_spaces.push_back(opcua_sim::custom_address_space());
+    options.log_file = log_file("plant");
     opcua_sim::server server(options);
     server.start();
-    out << "opcua-sim listens on " << server.endpoint_url() << "\n\n";
 
     // The IPC's certificate runs out soon: the certificate sensor's limits warn below 28 days.
     opcua_sim::options ipc_options;
@@ -270,8 +285,26 @@ int run_demo(probe_host& host, std::ostream& out) {
     opcua_sim::beckhoff_status status;
     opcua_sim::set_beckhoff_memory(status, 8ull << 30, 3ull << 30);
     ipc_options.address_spaces.push_back(opcua_sim::beckhoff_address_space(status));
+    ipc_options.log_file = log_file("ipc");
     opcua_sim::server ipc(ipc_options);
     ipc.start();
+
+    // As most plant servers are set up: no client certificate is trusted until an
+    // operator accepts it.
+    opcua_sim::options strict_options;
+    strict_options.strict = true;
+    strict_options.certificate.generate.key_bits = 2048;
+    strict_options.certificate.generate.common_name = "Plant server (trusts no client)";
+    strict_options.log_file = log_file("strict");
+    opcua_sim::server strict(strict_options);
+    strict.start();
+
+    out << "opcua-sim listens on " << server.endpoint_url() << " (plant server), " << ipc.endpoint_url()
+        << " (Beckhoff IPC) and " << strict.endpoint_url() << " (trusts no client certificate)\n";
+    out << "Their own logs: "
+        << (log_dir.empty() ? "off (miniprobe --log-dir DIR demo keeps them in DIR)" : "in " + log_dir + "/opcua-sim-*.log")
+        << "\n\n";
+    flushed(out);
 
     if (host.initialize() != 0) {
         out << "InitializeModule failed\n";
@@ -289,20 +322,43 @@ int run_demo(probe_host& host, std::ostream& out) {
     const auto& meta = definition.at("MetaData");
     out << "Module " << meta.value("Display", "") << " " << meta.value("Version", "") << "\n\n";
 
-    int unexpected = run_checks(host, definition, std::to_string(server.port()), out);
+    int check_id = 1;
+    int unexpected = run_checks(host, definition, "Checks",
+                                "passed with no security and with the right password; the wrong password and the "
+                                "closed port are expected to fail; the endpoint check opens no session, so a "
+                                "wrong password does not fail it",
+                                plant_checks(std::to_string(server.port())), check_id, out);
     const std::vector<sensor_run> runs = {
         custom_sensor_run(server),
         server_status_run(server),
-        certificate_run(server, "OPC UA Certificate of opcua-sim"),
+        certificate_run(server, "OPC UA Certificate of opcua-sim",
+                        "response code 0, the message names the certificate; 365 days to expiration"),
         beckhoff_run(ipc, status),
-        certificate_run(ipc, "OPC UA Certificate of the IPC (20 days left)"),
+        certificate_run(ipc, "OPC UA Certificate of the IPC (20 days left)",
+                        "response code 0; 20 days lie below the channel's warning limit, so the probe would "
+                        "show the channel, not the sensor's result, as a warning"),
     };
     int sensor_id = 100;
     for (const auto& run : runs) unexpected += run_sensor(host, definition, run, sensor_id++, out);
+
+    out << "\n";
+    unexpected += run_checks(host, definition,
+                             "Checks against a third opcua-sim that trusts no client certificate (" +
+                                 strict.endpoint_url() + ")",
+                             "a signed channel is refused; with no security the endpoint check passes, since "
+                             "endpoints are asked for over an unsecured channel",
+                             strict_checks(std::to_string(strict.port())), check_id, out);
+    unexpected += run_sensor(host, definition,
+                             certificate_run(strict, "OPC UA Certificate of the server that trusts no client",
+                                             "response code 0 with no security: the certificate comes from the "
+                                             "endpoints, which need no trust"),
+                             sensor_id++, out);
     host.cleanup();
+    strict.stop();
     ipc.stop();
     server.stop();
     out << "\n" << (unexpected == 0 ? "Every step ended as expected." : "Some steps did not end as expected.") << "\n";
+    flushed(out);
     return unexpected;
 }
 

@@ -1,6 +1,10 @@
 // miniprobe: a probe host for monitoring modules. Loads a module, drives its
 // exported functions and prints what comes back.
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
@@ -9,11 +13,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include <chrono>
 #include <map>
-#include <thread>
 
 #include "demo.h"
+#include "presentation.h"
 #include "probe_host.h"
 #include "sensor_data_builder.h"
 #include "vuro.pb.h"
@@ -25,29 +28,36 @@ const char* const usage_text =
     "\n"
     "Commands:\n"
     "  info [--texts]      print the module's metadata, sensors and checks\n"
+    "  info NAME           every setting the sensor or check NAME reads: its full key\n"
+    "                      for --set, type, default, allowed values and English text\n"
     "  check NAME          run one check with the settings below\n"
     "  sensor NAME         create a sensor, scan it, destroy it\n"
-    "  demo                start two opcua-sim servers on free loopback ports (a\n"
-    "                      plant server and a Beckhoff IPC) and run every check\n"
-    "                      and sensor of the module against them\n"
+    "  watch NAME          the same as sensor NAME --scans 0\n"
+    "  demo                start three opcua-sim servers on free loopback ports (a\n"
+    "                      plant server, a Beckhoff IPC and a server that trusts no\n"
+    "                      client certificate) and run every check and sensor of\n"
+    "                      the module against them\n"
     "\n"
-    "Settings of check and sensor (each setting starts at its default in the\n"
+    "Settings of check, sensor and watch (each setting starts at its default in the\n"
     "module's definition; secrets travel as secure values):\n"
     "  --host HOST         the device's address (default 127.0.0.1)\n"
-    "  --set KEY=VALUE     set a setting by its full key, e.g.\n"
+    "  --set KEY=VALUE     set a setting by its full key (see info NAME), e.g.\n"
     "                      credentials.connection_opcua.port=4841 (repeatable)\n"
     "  --log               logging \"enabled\" (default \"disabled\")\n"
     "  --timeout S         the probe's timeout setting (default 10)\n"
     "  --channels ID=NAME,...  channels the probe already knows\n"
     "  --id N              sensor or check id (default 1)\n"
-    "  --scans N           scans of a sensor (default 1)\n"
+    "  --scans N           scans of a sensor (default 1); 0 scans until Ctrl-C or\n"
+    "                      SIGTERM, then destroys the sensor and cleans up the module\n"
     "  --interval S        seconds between scans, also the interval setting (default 1)\n"
     "\n"
     "Options:\n"
     "  --module PATH       module to load (default: the build's modules/opcua/libOPCUA.so)\n"
     "  --json              print one JSON object a line: every message the module sends\n"
-    "                      and the return code of every exported call\n"
-    "  --log-dir DIR       directory for the module's runtime and sensor logs\n"
+    "                      (with its time), the return code of every exported call, and\n"
+    "                      for info NAME one line per setting\n"
+    "  --log-dir DIR       directory for the module's runtime and sensor logs; the demo\n"
+    "                      puts the simulators' logs there as well\n"
     "  -h, --help          this text\n"
     "\n"
     "Exit status: 0 when every call succeeded, 1 when a call reported failure or\n"
@@ -74,31 +84,28 @@ public:
 
     void message(const miniprobe::received_message& m) {
         if (json_) {
-            nlohmann::ordered_json line{{"event", "message"}, {"type", m.type}, {"message", m.body}};
+            nlohmann::ordered_json line{
+                {"event", "message"}, {"time", miniprobe::time_stamp()}, {"type", m.type}, {"message", m.body}};
             std::cout << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
             return;
         }
         const auto& b = m.body;
         if (m.type == "DYNAMIC_CHANNEL") {
             const int id = b.value("id", 0);
-            names_[id] = b.value("display_name", "");
-            if (names_[id].empty()) names_[id] = b.value("name", "");
-            std::cout << "channel #" << id << " defined: " << names_[id];
-            if (!b.value("custom_unit", "").empty()) std::cout << " [" << b.value("custom_unit", "") << "]";
-            if (!b.value("lookup", "").empty()) std::cout << " (lookup " << b.value("lookup", "") << ")";
+            const auto view = miniprobe::view_channel(definition_, b);
+            channels_[id] = view;
+            std::cout << "channel #" << id << " defined: " << view.name;
+            if (!view.unit.empty()) std::cout << " [" << view.unit << "]";
+            if (!view.lookup.empty()) std::cout << " (lookup " << view.lookup << ")";
             std::cout << std::endl;
         } else if (m.type == "SENSOR_SCAN_RESULT") {
-            const auto& msg = b.at("message");
-            std::cout << "scan result of sensor " << b.value("sensor_id", 0) << ": response code "
-                      << b.value("response_code", 0) << ", error code " << b.value("error_code", 0) << ", message \""
-                      << msg.value("text", "") << "\"" << std::endl;
-            for (const auto& c : b.value("channels", nlohmann::ordered_json::array())) {
-                const int id = c.value("channel_id", 0);
-                std::cout << "  #" << id;
-                if (names_.count(id)) std::cout << " " << names_[id];
-                std::cout << " = " << (c.contains("floating") ? c.at("floating").dump() : c.value("integer", std::string("?")))
-                          << std::endl;
-            }
+            const int code = b.value("response_code", 0);
+            std::cout << miniprobe::time_stamp() << "  sensor " << b.value("sensor_id", 0) << ": response code "
+                      << code << " (" << miniprobe::response_code_text(code) << "), error code "
+                      << b.value("error_code", 0) << ", message \"" << b.at("message").value("text", "") << "\"\n"
+                      << miniprobe::value_lines(definition_, channels_,
+                                                b.value("channels", nlohmann::ordered_json::array()), "  ", true)
+                      << std::flush;
         } else if (m.type == "CHECK_RESULT") {
             std::cout << "check " << b.value("check_id", 0) << ": " << (b.value("success", false) ? "success" : "failed")
                       << std::endl;
@@ -108,14 +115,17 @@ public:
     }
 
     void known_channels(const std::map<int, std::string>& known) {
-        for (const auto& [id, name] : known) names_[id] = name;
+        for (const auto& [id, name] : known) channels_[id].name = name;
     }
+    // Texts for channel names and lookups.
+    void use_definition(const nlohmann::ordered_json& definition) { definition_ = definition; }
 
     bool json() const { return json_; }
 
 private:
     bool json_;
-    std::map<int, std::string> names_;
+    nlohmann::ordered_json definition_ = nlohmann::ordered_json::object();
+    std::map<int, miniprobe::channel_view> channels_;
 };
 
 const char* dispatcher_code_text(int code) {
@@ -151,11 +161,59 @@ void print_information(const nlohmann::ordered_json& definition, bool texts) {
     }
 }
 
+int report(printer& out, const char* function, int code) {
+    out.call(function, code);
+    if (code != 0 && !out.json())
+        std::cerr << "miniprobe: " << function << " returned " << code << ": " << dispatcher_code_text(code) << "\n";
+    return code;
+}
+
+nlohmann::ordered_json read_definition(miniprobe::probe_host& host, printer& out, bool texts) {
+    int result = 0;
+    const auto bytes = host.get_module_information_sync(texts, result);
+    out.call("GetModuleInformationSync", result);
+    if (result != 0) throw std::runtime_error("GetModuleInformationSync failed with " + std::to_string(result));
+    const auto info = miniprobe::decode_message(bytes.data(), bytes.size());
+    return nlohmann::ordered_json::parse(info.body.at("definition").get<std::string>());
+}
+
+// The settings of one sensor or check, all from the definition the module sends.
+int run_settings_info(miniprobe::probe_host& host, printer& out, const std::string& name) {
+    if (report(out, "InitializeModule", host.initialize()) != 0) return 1;
+    try {
+        const auto definition = read_definition(host, out, false);
+        const auto settings = miniprobe::settings_of(definition, name);
+        if (out.json()) {
+            for (const auto& s : settings) std::cout << miniprobe::settings_json(s).dump() << "\n";
+        } else {
+            const bool is_sensor = definition.at("Sensors").contains(name);
+            const auto& entry = definition.at(is_sensor ? "Sensors" : "Checks").at(name);
+            std::cout << (is_sensor ? "Sensor " : "Check ") << name;
+            if (entry.contains("Display")) std::cout << ": " << entry.value("Display", "");
+            if (entry.contains("Description")) std::cout << " - " << entry.value("Description", "");
+            std::cout << "\nSettings (--set KEY=VALUE), beside the probe's own (--host, --interval, --timeout, --log):\n\n";
+            miniprobe::print_settings(std::cout, settings);
+        }
+    } catch (...) {
+        host.cleanup();
+        throw;
+    }
+    out.call("CleanupModule", host.cleanup());
+    std::cout << std::flush;
+    return 0;
+}
+
 int run_info(miniprobe::probe_host& host, printer& out, const options& opt) {
     bool texts = false;
+    std::string name;
     for (const auto& a : opt.args) {
         if (a == "--texts") texts = true;
+        else if (name.empty() && a.rfind("--", 0) != 0) name = a;
         else throw std::invalid_argument("info: unknown argument " + a);
+    }
+    if (!name.empty()) {
+        if (texts) throw std::invalid_argument("info: --texts goes without a name");
+        return run_settings_info(host, out, name);
     }
     int failures = 0;
     const int init = host.initialize();
@@ -189,6 +247,7 @@ run_settings parse_run_settings(const options& opt, bool is_check) {
     run_settings rs;
     if (opt.args.empty() || opt.args[0].rfind("--", 0) == 0)
         throw std::invalid_argument(opt.command + ": which " + (is_check ? "check" : "sensor") + "?");
+    if (opt.command == "watch") rs.scans = 0;
     rs.request.name = opt.args[0];
     rs.request.is_check = is_check;
     rs.request.base.interval = 1;
@@ -224,29 +283,37 @@ run_settings parse_run_settings(const options& opt, bool is_check) {
     return rs;
 }
 
-nlohmann::ordered_json read_definition(miniprobe::probe_host& host, printer& out) {
-    int result = 0;
-    const auto bytes = host.get_module_information_sync(false, result);
-    out.call("GetModuleInformationSync", result);
-    if (result != 0) throw std::runtime_error("GetModuleInformationSync failed with " + std::to_string(result));
-    const auto info = miniprobe::decode_message(bytes.data(), bytes.size());
-    return nlohmann::ordered_json::parse(info.body.at("definition").get<std::string>());
-}
 
-int report(printer& out, const char* function, int code) {
-    out.call(function, code);
-    if (code != 0 && !out.json())
-        std::cerr << "miniprobe: " << function << " returned " << code << ": " << dispatcher_code_text(code) << "\n";
-    return code;
+// Waits up to `seconds` for SIGINT or SIGTERM, which the caller blocked; true when one came.
+bool stop_requested(const sigset_t& signals, double seconds) {
+    timespec wait{};
+    wait.tv_sec = static_cast<time_t>(seconds);
+    wait.tv_nsec = static_cast<long>((seconds - static_cast<double>(wait.tv_sec)) * 1e9);
+    for (;;) {
+        const int received = sigtimedwait(&signals, nullptr, &wait);
+        if (received > 0) {
+            std::cerr << "miniprobe: " << strsignal(received) << ": destroying the sensor and cleaning up\n";
+            return true;
+        }
+        if (errno != EINTR) return false;
+    }
 }
 
 int run_check_or_sensor(miniprobe::probe_host& host, printer& out, const options& opt, bool is_check) {
     run_settings rs = parse_run_settings(opt, is_check);
+    // Ctrl-C and SIGTERM end a sensor run between scans, so that the sensor is destroyed
+    // and the module cleaned up. Blocked before the module starts threads of its own.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    if (!is_check) pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     host.on_message = [&out](const miniprobe::received_message& m) { out.message(m); };
     if (report(out, "InitializeModule", host.initialize()) != 0) return 1;
     int failures = 0;
     try {
-        const auto definition = read_definition(host, out);
+        const auto definition = read_definition(host, out, true);
+        out.use_definition(definition);
         const auto data = miniprobe::build_sensor_data(definition, rs.request);
         out.known_channels(rs.request.known_channels);
         if (is_check) {
@@ -259,9 +326,10 @@ int run_check_or_sensor(miniprobe::probe_host& host, printer& out, const options
         } else if (report(out, "CreateSensorInstance", host.create_sensor(rs.id, data)) != 0) {
             ++failures;
         } else {
-            for (int scan = 0; scan < rs.scans; ++scan) {
-                if (scan != 0) std::this_thread::sleep_for(std::chrono::duration<double>(rs.interval));
+            for (int scan = 0; rs.scans == 0 || scan < rs.scans; ++scan) {
+                if (stop_requested(signals, scan == 0 ? 0.0 : rs.interval)) break;
                 failures += report(out, "ExecuteSensorScan", host.scan(rs.id)) != 0;
+                host.take_messages();
             }
             failures += report(out, "DestroySensorInstance", host.destroy(rs.id)) != 0;
         }
@@ -335,8 +403,8 @@ int main(int argc, char** argv) {
         printer out(opt.json);
         if (opt.command == "info") return run_info(host, out, opt);
         if (opt.command == "check") return run_check_or_sensor(host, out, opt, true);
-        if (opt.command == "sensor") return run_check_or_sensor(host, out, opt, false);
-        if (opt.command == "demo") return miniprobe::run_demo(host, std::cout) == 0 ? 0 : 1;
+        if (opt.command == "sensor" || opt.command == "watch") return run_check_or_sensor(host, out, opt, false);
+        if (opt.command == "demo") return miniprobe::run_demo(host, std::cout, opt.log_dir) == 0 ? 0 : 1;
         std::cerr << "miniprobe: unknown command " << opt.command << "\n\n" << usage_text;
         return 2;
     } catch (const std::invalid_argument& e) {

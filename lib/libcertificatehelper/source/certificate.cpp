@@ -67,6 +67,7 @@ std::string certificate::get_subject() const { return subject_; }
 std::string certificate::get_issuer() const { return issuer_; }
 
 std::shared_ptr<key_interface> certificate::get_public_key() const {
+    const detail::error_queue_guard guard;
     std::vector<std::uint8_t> der;
     EVP_PKEY* key = x509_ ? X509_get0_pubkey(x509_.get()) : nullptr;
     if (key != nullptr) {
@@ -88,6 +89,7 @@ std::string certificate::get_common_name() const {
 }
 
 std::vector<std::string> certificate::get_common_names() const {
+    const detail::error_queue_guard guard;
     std::vector<std::string> names;
     const X509_NAME* subject = X509_get_subject_name(x509_.get());
     if (subject == nullptr) {
@@ -107,6 +109,7 @@ std::vector<std::string> certificate::get_common_names() const {
 }
 
 std::vector<std::string> certificate::extension_texts(int nid) const {
+    const detail::error_queue_guard guard;
     std::vector<std::string> texts;
     X509* x509 = x509_.get();
     for (int index = X509_get_ext_by_NID(x509, nid, -1); index >= 0; index = X509_get_ext_by_NID(x509, nid, index)) {
@@ -157,6 +160,7 @@ std::vector<std::string> certificate::get_application_uris() const {
 }
 
 bool certificate::is_self_signed() const {
+    const detail::error_queue_guard guard;
     X509* x509 = x509_.get();
     if (X509_NAME_cmp(X509_get_subject_name(x509), X509_get_issuer_name(x509)) != 0) {
         return false;
@@ -179,6 +183,7 @@ bool certificate::is_self_signed() const {
 }
 
 std::string certificate::get_thumbprint() const {
+    const detail::error_queue_guard guard;
     constexpr unsigned int sha1_length = 20;
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     unsigned int length = 0;
@@ -197,17 +202,20 @@ std::string certificate::get_thumbprint() const {
 }
 
 std::int32_t certificate::get_signature_size() const {
+    const detail::error_queue_guard guard;
     const ASN1_BIT_STRING* signature = nullptr;
     X509_get0_signature(&signature, nullptr, x509_.get());
     return signature == nullptr ? 0 : ASN1_STRING_length(signature);
 }
 
 std::int32_t certificate::get_public_key_bits() const {
+    const detail::error_queue_guard guard;
     detail::evp_pkey_ptr key(X509_get_pubkey(x509_.get()));
     return key ? EVP_PKEY_get_bits(key.get()) : 0;
 }
 
 public_key_type certificate::get_public_key_type() const {
+    const detail::error_queue_guard guard;
     static const std::map<int, public_key_type> types = {
         {EVP_PKEY_RSA, public_key_type::rsa},         {EVP_PKEY_RSA_PSS, public_key_type::rsa},
         {EVP_PKEY_DSA, public_key_type::dsa},         {EVP_PKEY_EC, public_key_type::ec},
@@ -223,6 +231,7 @@ public_key_type certificate::get_public_key_type() const {
 }
 
 std::int32_t certificate::get_days_until_expiry(std::chrono::system_clock::time_point now) const {
+    const detail::error_queue_guard guard;
     // duration_cast drops the fraction of a second toward zero.
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
     detail::asn1_time_ptr from(ASN1_TIME_set(nullptr, static_cast<time_t>(seconds)));
@@ -243,6 +252,7 @@ bool certificate::supports_data_encipherment() const {
 }
 
 std::vector<std::string> certificate::get_crl_distribution_points() const {
+    const detail::error_queue_guard guard;
     std::vector<std::string> uris;
     std::unique_ptr<STACK_OF(DIST_POINT), dist_points_deleter> points(static_cast<STACK_OF(DIST_POINT)*>(
         X509_get_ext_d2i(x509_.get(), NID_crl_distribution_points, nullptr, nullptr)));
@@ -273,6 +283,7 @@ std::vector<std::string> certificate::get_crl_distribution_points() const {
 }
 
 bool certificate::verify_signature(const certificate_interface& issuer) const {
+    const detail::error_queue_guard guard;
     const std::shared_ptr<key_interface> issuer_key = issuer.get_public_key();
     // Without a key OpenSSL reports the check as impossible, which raises below.
     detail::evp_pkey_ptr key = issuer_key ? detail::public_key_from_der(issuer_key->to_der()) : nullptr;
@@ -287,6 +298,7 @@ namespace detail {
 
 std::unique_ptr<certificate_interface> load_certificate_pem(const std::string& pem,
                                                             std::shared_ptr<const allocator> maker) {
+    const error_queue_guard guard;
     if (pem.empty()) {
         throw exceptions::certificate_empty();
     }
@@ -301,6 +313,7 @@ std::unique_ptr<certificate_interface> load_certificate_pem(const std::string& p
 
 std::unique_ptr<certificate_interface> load_certificate_der(const std::vector<std::uint8_t>& der,
                                                             std::shared_ptr<const allocator> maker) {
+    const error_queue_guard guard;
     if (der.empty()) {
         throw exceptions::certificate_empty();
     }

@@ -12,6 +12,7 @@ namespace brenholt::monitoring_modules::libcertificatehelper {
 namespace {
 
 std::chrono::system_clock::time_point to_time_point(const ASN1_TIME* time) {
+    const detail::error_queue_guard guard;
     std::tm broken_down{};
     if (time == nullptr || ASN1_TIME_to_tm(time, &broken_down) != 1) {
         return {};
@@ -20,12 +21,24 @@ std::chrono::system_clock::time_point to_time_point(const ASN1_TIME* time) {
     if (seconds == -1) {
         return {};
     }
-    return std::chrono::system_clock::time_point(
-        std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::seconds(seconds)));
+    // The clock counts nanoseconds in 64 bits, which ends in 1677 and 2262; a list may
+    // name any year up to 9999. Dates outside that span stand at the nearest end of it,
+    // which keeps their order against any time the clock can hold.
+    using clock = std::chrono::system_clock;
+    constexpr auto latest = std::chrono::duration_cast<std::chrono::seconds>(clock::duration::max()).count();
+    constexpr auto earliest = std::chrono::duration_cast<std::chrono::seconds>(clock::duration::min()).count();
+    if (seconds > latest) {
+        return clock::time_point::max();
+    }
+    if (seconds < earliest) {
+        return clock::time_point::min();
+    }
+    return clock::time_point(std::chrono::duration_cast<clock::duration>(std::chrono::seconds(seconds)));
 }
 
 std::unique_ptr<certificate_revocation_list_interface> checked(
     detail::x509_crl_ptr crl, const std::optional<std::shared_ptr<key_interface>>& issuer_key) {
+    const detail::error_queue_guard guard;
     if (issuer_key) {
         const std::shared_ptr<key_interface>& key = *issuer_key;
         const detail::evp_pkey_ptr public_key =
@@ -46,6 +59,7 @@ std::unique_ptr<certificate_revocation_list_interface> checked(
 certificate_revocation_list::certificate_revocation_list(detail::x509_crl_ptr crl) : crl_(std::move(crl)) {}
 
 std::vector<std::uint8_t> certificate_revocation_list::to_der() const {
+    const detail::error_queue_guard guard;
     if (!crl_) {
         return {};
     }
@@ -65,6 +79,7 @@ std::chrono::system_clock::time_point certificate_revocation_list::get_next_upda
 }
 
 bool certificate_revocation_list::is_revoked(const certificate_interface& certificate) const {
+    const detail::error_queue_guard guard;
     const detail::x509_ptr x509 = detail::x509_from_der(certificate.to_der());
     if (!crl_ || !x509) {
         return false;
@@ -81,6 +96,7 @@ std::unique_ptr<certificate_revocation_list_interface> load_revocation_list_pem(
     if (pem.empty()) {
         throw exceptions::certificate_revocation_list_empty();
     }
+    const error_queue_guard guard;
     bio_ptr bio = read_bio(pem.data(), pem.size());
     x509_crl_ptr crl(PEM_read_bio_X509_CRL(bio.get(), nullptr, nullptr, nullptr));
     if (!crl) {
@@ -94,6 +110,7 @@ std::unique_ptr<certificate_revocation_list_interface> load_revocation_list_der(
     if (der.empty()) {
         throw exceptions::certificate_revocation_list_empty();
     }
+    const error_queue_guard guard;
     const unsigned char* p = der.data();
     x509_crl_ptr crl(der.size() > static_cast<std::size_t>(LONG_MAX)
                          ? nullptr

@@ -84,6 +84,7 @@ certificate_validator::~certificate_validator() = default;
 
 host_check_result certificate_validator::check_host(const std::shared_ptr<certificate_interface>& certificate,
                                                     const std::string& host) const {
+    const detail::error_queue_guard guard;
     const x509_ptr x509 = to_x509(certificate);
     if (!x509) {
         return host_check_result::check_failed;
@@ -120,12 +121,14 @@ verification_result certificate_validator::verify_chain(
 }
 
 bool certificate_validator::add_trusted(const std::shared_ptr<certificate_interface>& certificate) {
+    const detail::error_queue_guard guard;
     const x509_ptr x509 = to_x509(certificate);
     // The store takes its own reference; our copy goes with x509.
     return x509 && X509_STORE_add_cert(impl_->store.get(), x509.get()) == 1;
 }
 
 verification_result certificate_validator::implementation::verify(std::vector<x509_ptr> chain) const {
+    const detail::error_queue_guard guard;
     if (chain.empty()) {
         return {verification_status::empty, std::nullopt};
     }

@@ -8,6 +8,12 @@
 
 namespace brenholt::monitoring_modules::libcertificatehelper::detail {
 
+// With an empty queue ERR_set_mark sets no mark, and ERR_pop_to_mark then empties the
+// queue: found empty, left empty.
+error_queue_guard::error_queue_guard() { ERR_set_mark(); }
+
+error_queue_guard::~error_queue_guard() { ERR_pop_to_mark(); }
+
 std::string openssl_error_text() {
     const auto code = static_cast<std::uint32_t>(ERR_get_error());
     const char* reason = ERR_reason_error_string(code);
@@ -59,6 +65,7 @@ x509_ptr x509_from_der(const std::vector<std::uint8_t>& der) {
     if (der.empty() || der.size() > static_cast<std::size_t>(LONG_MAX)) {
         return nullptr;
     }
+    const error_queue_guard guard;
     const unsigned char* p = der.data();
     return x509_ptr(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
 }
@@ -67,6 +74,7 @@ std::vector<std::uint8_t> x509_to_der(X509* x509) {
     if (x509 == nullptr) {
         return {};
     }
+    const error_queue_guard guard;
     bio_ptr bio(BIO_new(BIO_s_mem()));
     if (!bio || i2d_X509_bio(bio.get(), x509) != 1) {
         return {};

@@ -88,6 +88,30 @@ TEST_F(BeckhoffSensor, HealthyDeviceWithMemoryFromTheNarrowPairUnlessItSaturated
     }
 }
 
+// A size that gives no percentage a channel can hold fails the scan with the numbers.
+TEST_F(BeckhoffSensor, MemoryWithoutAPercentageFailsTheScan) {
+    ASSERT_EQ(host_->create_sensor(4, data(server_->port())), 0);
+    constexpr std::uint32_t saturated = opcua_sim::beckhoff_narrow_saturated;
+    const struct {
+        std::uint32_t size, available;
+        std::uint64_t size_wide, available_wide;
+        std::string text;
+    } cases[] = {
+        {0, 0, 9, 9, "No percentage of available memory: the device reports 0 of a memory size of 0."},
+        {0, 5, 9, 9, "No percentage of available memory: the device reports 5 of a memory size of 0."},
+        {saturated, 1, 0, 7, "No percentage of available memory: the device reports 7 of a memory size of 0."},
+        {saturated, 1, 1, 1ull << 62,
+         "No percentage of available memory: the device reports 4611686018427387904 of a memory size of 1."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        const auto result = scan_with(4, {17, -5, 41, c.size, c.available, c.size_wide, c.available_wide});
+        EXPECT_EQ(result.at("response_code"), 3) << result.dump();
+        EXPECT_EQ(result.at("message").at("text"), c.text);
+        EXPECT_TRUE(result.at("channels").empty());
+    }
+}
+
 TEST_F(BeckhoffSensor, RaidStateDecidesMessageAndOutcome) {
     ASSERT_EQ(host_->create_sensor(5, data(server_->port())), 0);
     const std::string valid = "good (1), failed (2), offline (3), power_off (4)";

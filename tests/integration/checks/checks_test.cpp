@@ -21,15 +21,20 @@ protected:
         only_none.endpoints = {{opcua_sim::security_policy::none, opcua_sim::security_mode::none}};
         plain_server_ = new opcua_sim::server(only_none);
         plain_server_->start();
+        o.strict = true;
+        strict_server_ = new opcua_sim::server(o);
+        strict_server_->start();
     }
-    static void TearDownTestSuite() { delete server_; delete plain_server_; }
+    static void TearDownTestSuite() { delete server_; delete plain_server_; delete strict_server_; }
 
     static opcua_sim::server* server_;
     static opcua_sim::server* plain_server_;
+    static opcua_sim::server* strict_server_;
 };
 
 opcua_sim::server* Checks::server_ = nullptr;
 opcua_sim::server* Checks::plain_server_ = nullptr;
+opcua_sim::server* Checks::strict_server_ = nullptr;
 
 TEST_F(Checks, PasswordsEndpointsAndAbsentServers) {
     const auto none = security("none", "none");
@@ -53,6 +58,21 @@ TEST_F(Checks, PasswordsEndpointsAndAbsentServers) {
                 {"right password", "connection_check", with_user(none, "alice", "wonderland"), true, ""}});
     run_checks(plain_server_->port(), {{"no sign_encrypt endpoint", "endpoint_validation_check",
                                         security("sign_encrypt", "Basic256Sha256"), false, no_endpoint}});
+}
+
+// A server that trusts no client certificate it does not know: discovery needs none,
+// so every check in mode none passes, and the endpoint check finds the signed endpoint
+// that a signed connection cannot use.
+TEST_F(Checks, StrictServerAnswersDiscoveryWithoutTrustingTheClient) {
+    const auto none = security("none", "none");
+    const auto sign = security("sign", "Basic256Sha256");
+    run_checks(strict_server_->port(),
+               {{"none anonymous", "endpoint_validation_check", none, true, ""},
+                {"none anonymous", "connection_check", none, true, ""},
+                {"none user", "endpoint_validation_check", with_user(none, "alice", "wonderland"), true, ""},
+                {"none user", "connection_check", with_user(none, "alice", "wonderland"), true, ""},
+                {"sign", "endpoint_validation_check", sign, true, ""},
+                {"sign", "connection_check", sign, false, connect_failed}});
 }
 
 TEST_F(Checks, BadSettingFailsTheCallWithoutAResult) {

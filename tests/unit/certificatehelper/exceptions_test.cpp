@@ -1,3 +1,4 @@
+#include <functional>
 #include <type_traits>
 
 #include <openssl/err.h>
@@ -39,6 +40,42 @@ TEST_F(openssl_error_text_test, names_the_oldest_error_then_the_next) {
     ASSERT_EQ(ERR_reason_error_string(code), nullptr);
     EXPECT_EQ(ch::detail::openssl_error_text(), "Unknown OpenSSL error (" + std::to_string(code) + ").");
     EXPECT_EQ(ch::detail::openssl_error_text(), "Unknown OpenSSL error (0).");
+}
+
+// An operation that fails inside and answers anyway, or raises, leaves no error of its
+// own queued: the next failure must be described by its own reason.
+TEST_F(openssl_error_text_test, failing_operations_leave_the_queue_as_found) {
+    const pki::cert ca = pki::make_cert(pki::ca_profile("Test CA"));
+    pki::cert_profile forged = pki::leaf_profile("forged");
+    forged.signing_key = pki::rsa_key(2048, 2);
+    pki::crl_profile forged_list;
+    forged_list.signing_key = pki::rsa_key(2048, 2);
+    const pki::crl list = pki::make_crl(forged_list, ca);
+    const std::shared_ptr<ch::certificate_interface> self = load(pki::make_cert(forged)), issuer = load(ca);
+    const std::shared_ptr<ch::key_interface> ca_key = openssl()->make_public_key(ca.key().public_der());
+    const auto validator = openssl()->make_certificate_validator(false);
+    const std::string bad_pem = "-----BEGIN X-----\n!!!!\n-----END X-----\n";
+    const std::vector<std::uint8_t> bad_der{0x30, 0x03, 0x02};
+    const std::pair<const char*, std::function<void()>> operations[] = {
+        {"is_self_signed", [&] { EXPECT_FALSE(self->is_self_signed()); }},
+        {"verify_signature", [&] { EXPECT_FALSE(self->verify_signature(*issuer)); }},
+        {"verify", [&] { EXPECT_NE(validator->verify(self).status, ch::verification_status::valid); }},
+        {"certificate PEM", [&] { EXPECT_ANY_THROW(openssl()->make_certificate_from_pem(bad_pem)); }},
+        {"certificate DER", [&] { EXPECT_ANY_THROW(openssl()->make_certificate_from_der(bad_der)); }},
+        {"list PEM", [&] { EXPECT_ANY_THROW(openssl()->make_revocation_list_from_pem(bad_pem, std::nullopt)); }},
+        {"list DER", [&] { EXPECT_ANY_THROW(openssl()->make_revocation_list_from_der(bad_der, std::nullopt)); }},
+        {"list signature", [&] { EXPECT_ANY_THROW(openssl()->make_revocation_list_from_pem(list.pem(), ca_key)); }},
+    };
+    const std::string encrypted = pki::rsa_key().private_pem_encrypted("right");
+    for (const auto& [name, operation] : operations) {
+        SCOPED_TRACE(name);
+        ERR_clear_error();
+        operation();
+        EXPECT_EQ(ERR_peek_error(), 0u);
+        const std::string what =
+            what_of<ex::could_not_load_private_key>([&] { openssl()->make_private_key(encrypted, "wrong"); });
+        EXPECT_NE(what.find("bad decrypt"), std::string::npos) << what;
+    }
 }
 
 }  // namespace

@@ -1,4 +1,7 @@
 // Certificate validator and revocation lists.
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
 #include "test_helpers.h"
 
 namespace certificatehelper_test {
@@ -67,6 +70,41 @@ TEST_F(trust_test, revocation_lists_check_their_signature_and_look_for_issuer_an
     EXPECT_TRUE(has_openssl_reason(what_of<ch::exceptions::certificate_revocation_list_signature_verification_failed>(
                                        [&] { openssl()->make_revocation_list_from_der(forged, key); }),
                                    "Failed to verify the signature of the certificate revocation list. "));
+}
+
+// Dates beyond what the clock's nanoseconds hold come out at the nearest end of its range.
+TEST_F(trust_test, revocation_list_dates_outside_the_clock_range_are_clamped) {
+    using std::chrono::system_clock;
+    using time_point = system_clock::time_point;
+    const pki::bytes key_der = pki::rsa_key().private_der();
+    const unsigned char* p = key_der.data();
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+        d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(key_der.size())), EVP_PKEY_free);
+    ASSERT_TRUE(key);
+    const std::pair<const char*, time_point> cases[] = {
+        {"19700101000001Z", time_point(std::chrono::seconds(1))},
+        {"22620411234716Z", time_point(std::chrono::seconds(9223372036))},
+        {"22620411234717Z", time_point::max()},
+        {"99991231235959Z", time_point::max()},
+        {"16000101000000Z", time_point::min()},
+    };
+    for (const auto& [date, expected] : cases) {
+        SCOPED_TRACE(date);
+        const std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)> crl(X509_CRL_new(), X509_CRL_free);
+        const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> time(ASN1_TIME_new(), ASN1_TIME_free);
+        ASSERT_TRUE(crl && time && ASN1_TIME_set_string(time.get(), date) == 1);
+        ASSERT_TRUE(X509_CRL_set1_lastUpdate(crl.get(), time.get()) == 1 &&
+                    X509_CRL_set1_nextUpdate(crl.get(), time.get()) == 1 &&
+                    X509_CRL_sign(crl.get(), key.get(), EVP_sha256()) > 0);
+        unsigned char* der = nullptr;
+        const int length = i2d_X509_CRL(crl.get(), &der);
+        ASSERT_GT(length, 0);
+        const pki::bytes bytes(der, der + length);
+        OPENSSL_free(der);
+        const auto loaded = openssl()->make_revocation_list_from_der(bytes, std::nullopt);
+        EXPECT_EQ(loaded->get_last_update(), expected);
+        EXPECT_EQ(loaded->get_next_update(), expected);
+    }
 }
 
 }  // namespace

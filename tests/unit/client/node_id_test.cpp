@@ -85,4 +85,42 @@ TEST(parse_array_access, other_shapes_fail_in_order_id_then_index) {
     EXPECT_THROW(ua::parse_array_access("'ns=1;s=Temp'[9223372036854775808]"), std::out_of_range);
 }
 
+// Length changes nothing: a text of a mebibyte ends as its short form does, in a
+// result or the usual refusal, never by exhausting the stack.
+TEST(parse_array_access, long_texts_end_like_short_ones) {
+    const std::string mib(1u << 20, 'a');
+    enum outcome { parsed, bad_syntax, bad_id, too_large };
+    const struct {
+        const char* what;
+        std::string text;
+        outcome expected;
+    } cases[] = {
+        {"single quotes", "'ns=1;s=" + mib + "'[1]", parsed},
+        {"double quotes", "\"ns=1;s=" + mib + "\"[1]", parsed},
+        {"index with a mebibyte of leading zeros", "'i=85'[" + std::string(1u << 20, '0') + "1]", parsed},
+        {"inner text the library refuses", "'" + mib + "'[1]", bad_id},
+        {"no closing single quote", "'ns=1;s=" + mib, bad_syntax},
+        {"no closing double quote", "\"ns=1;s=" + mib + "[1]", bad_syntax},
+        {"quotes of two kinds", "'ns=1;s=" + mib + "\"[1]", bad_syntax},
+        {"no index", "'ns=1;s=" + mib + "'", bad_syntax},
+        {"text behind the index", "'i=85'[1]" + mib, bad_syntax},
+        {"unquoted", mib + "[1]", bad_syntax},
+        {"index of a mebibyte of digits", "'i=85'[" + std::string(1u << 20, '7') + "]", too_large},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        switch (c.expected) {
+            case parsed: {
+                const ua::array_access access = ua::parse_array_access(c.text);
+                EXPECT_EQ(access.second, 1u);
+                EXPECT_NE(access.first, nullptr);
+                break;
+            }
+            case bad_syntax: EXPECT_THROW(ua::parse_array_access(c.text), ex::invalid_array_syntax); break;
+            case bad_id: EXPECT_THROW(ua::parse_array_access(c.text), ex::failed_to_parse_node_id); break;
+            case too_large: EXPECT_THROW(ua::parse_array_access(c.text), std::out_of_range); break;
+        }
+    }
+}
+
 }  // namespace

@@ -42,9 +42,15 @@ TEST(format, results_and_errors) {
         {"50% then %5:s", {"a"}, bad, malformed},
         // Digits beyond a signed long overflow in the conversion itself.
         {"%99999999999999999999:s", {"a"}, "stol", is<std::out_of_range>},
+        // Long texts take the same paths, without one stack frame per character.
+        {"%" + std::string(1u << 20, '0') + ":s", {"a"}, "a", nullptr},
+        {"%" + std::string(1u << 20, '9') + ":s", {"a"}, "stol", is<std::out_of_range>},
+        {"%" + std::string(1u << 20, '0'), {"a"}, bad, malformed},
+        {std::string(1u << 20, '%'), {}, std::string(1u << 19, '%'), nullptr},
+        {std::string(1u << 20, 'x') + "%0:s", {"a"}, std::string(1u << 20, 'x') + "a", nullptr},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.format);
+        SCOPED_TRACE(c.format.substr(0, 40));
         try {
             // The formatter is variadic: call it as a caller does, with that many arguments.
             const std::string out = c.args.empty()       ? su::format(c.format)

@@ -13,7 +13,10 @@
 
 #include "client/client_settings.h"
 #include "fake_source.h"
+#include "libvurohelper/messaging.h"
+#include "libvurohelper/notifications.h"
 #include "settings/records.h"
+#include "vuro.pb.h"
 
 namespace {
 
@@ -115,6 +118,34 @@ TEST(client_settings, copies_hashes_and_replaced_credentials_leave_no_secret) {
                   record->connection_security.security_mode = st::security_mode::none;
                   settings->set_credentials(record->connection_security, record->user_authentication);
               }));
+}
+
+// The probe's bytes are decoded into copies of the framework's own: the envelope's
+// payload and the decoded messages. Each goes back to the heap wiped, whether the secret
+// came as a secure value or as plain key material.
+TEST(probe_data, decoded_copies_leave_no_secret) {
+    namespace vh = ::brenholt::monitoring_modules::libvurohelper;
+    using vh::messaging::message_type;
+    for (const char* secret : secrets) {
+        ::brenholt::vuro::wire::SensorData sensor;
+        sensor.set_kind("server_status_sensor");
+        (*sensor.mutable_secure_settings())["credentials.user_authentication.password"] = secret;
+        (*sensor.mutable_settings())["credentials.connection_security.client_key"] = secret;
+        ::brenholt::vuro::wire::NotificationRequest notification;
+        (*notification.mutable_secure_settings())["credentials.user_authentication.password"] = secret;
+        const auto sensor_bytes = vh::messaging::wrap(message_type::sensor_data, sensor.SerializeAsString());
+        const auto notification_bytes =
+            vh::messaging::wrap(message_type::notification_request, notification.SerializeAsString());
+        EXPECT_EQ(0, hits_while(secret, [&] {
+                      auto data = std::make_unique<vh::settings::sensor_data_wrapper>(
+                          sensor_bytes.data(), static_cast<unsigned int>(sensor_bytes.size()));
+                      EXPECT_EQ(data->get_secure("credentials.user_authentication.password").str(), secret);
+                      keep(data->to_json().data());
+                      auto request = std::make_unique<vh::notifications::request>(
+                          notification_bytes.data(), static_cast<unsigned int>(notification_bytes.size()));
+                      keep(request->to_json().data());
+                  })) << secret;
+    }
 }
 
 }  // namespace

@@ -67,8 +67,13 @@ on standard output once it listens, and runs until SIGINT or SIGTERM.
                              beckhoff (a Beckhoff IPC's nine health nodes in
                                        namespace urn:opcua-sim:beckhoff, index 2)
                            Both need index 2, so only one of them at a time.
+  --strict                 trust no client certificate, as a plant server does
+                           until an operator accepts one: Sign and SignAndEncrypt
+                           channels are refused, None channels (and GetEndpoints
+                           over None) still work
   --verbose                log of the OPC UA stack from level info on (default:
-                           warnings and errors only), to standard error
+                           warnings and errors only)
+  --log-file FILE          append the log to FILE instead of standard error
   --help                   show this text
 )";
 }
@@ -141,8 +146,12 @@ command_line parse_command_line(const std::vector<std::string>& args) {
                 o.address_spaces.push_back(address_space_by_name(name));
                 result.address_spaces.push_back(name);
             }
+        } else if (option == "--strict") {
+            o.strict = true;
         } else if (option == "--verbose") {
             o.verbose = true;
+        } else if (option == "--log-file") {
+            o.log_file = value();
         } else {
             throw std::invalid_argument("unknown option '" + option + "'; see --help");
         }

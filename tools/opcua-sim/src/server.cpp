@@ -195,15 +195,26 @@ struct server::access_control_hooks {
     mutable std::mutex mutex;
     std::vector<UA_NodeId> sessions;
 
-    explicit access_control_hooks(bool verbose) {
+    FILE* sink = stderr;
+
+    access_control_hooks(bool verbose, const std::string& log_file) {
         min_level = verbose ? UA_LOGLEVEL_INFO : UA_LOGLEVEL_WARNING;
         logger.log = &log;
         logger.context = this;
         logger.clear = [](UA_Logger*) {}; // owned here, not by the configuration
+        if (!log_file.empty()) {
+            sink = std::fopen(log_file.c_str(), "a");
+            if (sink == nullptr) throw std::runtime_error("cannot open the log file " + log_file);
+            // Whole lines, so that several servers can share one file.
+            std::setvbuf(sink, nullptr, _IOLBF, 0);
+        }
     }
     ~access_control_hooks() {
         for (UA_NodeId& id : sessions) UA_NodeId_clear(&id);
+        if (sink != stderr) std::fclose(sink);
     }
+    access_control_hooks(const access_control_hooks&) = delete;
+    access_control_hooks& operator=(const access_control_hooks&) = delete;
 
     static void log(void* context, UA_LogLevel level, UA_LogCategory, const char* format, va_list args) {
         auto* self = static_cast<access_control_hooks*>(context);
@@ -216,7 +227,7 @@ struct server::access_control_hooks {
             (std::strstr(text, "Unconfigured AccessControl") != nullptr ||
              std::strstr(text, "No certificate store configured") != nullptr))
             return;
-        std::fprintf(stderr, "opcua-sim: %s\n", text);
+        std::fprintf(self->sink, "opcua-sim: %s\n", text);
     }
 
     static access_control_hooks* of(UA_Server* ua) {
@@ -261,7 +272,7 @@ struct server::access_control_hooks {
     }
 };
 
-server::server(options opts) : options_(std::move(opts)), hooks_(std::make_unique<access_control_hooks>(options_.verbose)) {
+server::server(options opts) : options_(std::move(opts)), hooks_(std::make_unique<access_control_hooks>(options_.verbose, options_.log_file)) {
     if (options_.endpoints.empty()) throw std::invalid_argument("no endpoint chosen");
     for (const endpoint_option& e : options_.endpoints) {
         bool none_policy = e.policy == security_policy::none;
@@ -315,10 +326,16 @@ UA_Server* server::build(std::uint16_t port) {
     UA_LocalizedText_clear(&app.applicationName);
     app.applicationName = UA_LOCALIZEDTEXT_ALLOC("en", options_.application_name.c_str());
 
-    // Tests bring certificates of their own making: trust every client.
+    // Tests bring certificates of their own making: trust every client, unless the
+    // server plays one that trusts none.
     for (UA_CertificateVerification* pki : {&config.secureChannelPKI, &config.sessionPKI}) {
         if (pki->clear) pki->clear(pki);
-        UA_CertificateVerification_AcceptAll(pki);
+        if (!options_.strict) {
+            UA_CertificateVerification_AcceptAll(pki);
+            continue;
+        }
+        status = UA_CertificateVerification_Trustlist(pki, nullptr, 0, nullptr, 0, nullptr, 0);
+        if (status != UA_STATUSCODE_GOOD) fail("cannot set up an empty trust list", status);
     }
 
     UA_ByteString certificate = borrow(certificate_.certificate_der);

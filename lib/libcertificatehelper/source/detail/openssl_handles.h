@@ -31,6 +31,18 @@ using x509_crl_ptr = std::unique_ptr<X509_CRL, openssl_deleter<X509_CRL_free>>;
 using x509_store_ptr = std::unique_ptr<X509_STORE, openssl_deleter<X509_STORE_free>>;
 using x509_store_ctx_ptr = std::unique_ptr<X509_STORE_CTX, openssl_deleter<X509_STORE_CTX_free>>;
 
+// Leaves this thread's OpenSSL error queue as it was found: whatever an operation pushed
+// is dropped when the guard ends, after the operation has described its own failure, if
+// it raises one. An operation that answers despite a failure inside must not leave errors
+// that a later, unrelated failure would then report as its reason.
+class error_queue_guard {
+public:
+    error_queue_guard();
+    ~error_queue_guard();
+    error_queue_guard(const error_queue_guard&) = delete;
+    error_queue_guard& operator=(const error_queue_guard&) = delete;
+};
+
 // Pops the oldest error of this thread's queue and describes it as
 // "<reason> (<code>)" or "Unknown OpenSSL error (<code>).". The rest of the queue stays.
 std::string openssl_error_text();
@@ -47,7 +59,7 @@ std::vector<std::uint8_t> bio_to_bytes(BIO* bio);
 x509_ptr x509_from_der(const std::vector<std::uint8_t>& der);
 // Empty for a null certificate or a failed encoding.
 std::vector<std::uint8_t> x509_to_der(X509* x509);
-// Null for an empty or undecodable vector.
+// Null for an empty or undecodable vector; OpenSSL's reason stays queued for the caller.
 evp_pkey_ptr public_key_from_der(const std::vector<std::uint8_t>& der);
 
 }  // namespace brenholt::monitoring_modules::libcertificatehelper::detail

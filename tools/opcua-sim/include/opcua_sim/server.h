@@ -72,8 +72,14 @@ struct options {
     // Namespaces from index 2 on, in this order.
     std::vector<std::string> namespace_uris;
     std::vector<address_space_setup> address_spaces;
-    // Log of the stack to stderr from level info on; otherwise only warnings and worse.
+    // Like a plant server that trusts no client certificate until an operator accepts
+    // it: secure channels (Sign, SignAndEncrypt) are refused, None channels and so
+    // GetEndpoints over None still work.
+    bool strict = false;
+    // Log of the stack from level info on; otherwise only warnings and worse.
     bool verbose = false;
+    // Where the log goes, appended to; empty for standard error. "/dev/null" silences it.
+    std::string log_file;
 };
 
 class server {
