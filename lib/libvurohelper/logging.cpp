@@ -93,21 +93,45 @@ std::string severity_name(liblog::severity level) {
 
 file_log::file_log(std::string file_name) : path_(log_path(file_name)) {}
 
+namespace {
+// Descriptors kept open by all file logs of the process together. A probe may run
+// thousands of sensors with their own log; past this many, a log opens its file for each
+// line and closes it again, so that logs never take the descriptors that connections need.
+constexpr int max_kept_open = 64;
+std::atomic<int> kept_open{0};
+
+int open_for_append(const std::string& path) {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+}
+}  // namespace
+
 file_log::~file_log() {
     const int fd = fd_.load();
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0) {
+        ::close(fd);
+        kept_open.fetch_sub(1);
+    }
 }
 
-// Opened at the first line, so that a log nobody writes to leaves no file. A failed
-// open is tried again at the next line: the directory may appear later.
+// Opened at the first line, so that a log nobody writes to leaves no file, and kept
+// open while the process-wide count allows. -1 when this line must open the file itself.
+// A failed open is tried again at the next line: the directory may appear later.
 int file_log::descriptor() {
     int fd = fd_.load(std::memory_order_acquire);
     if (fd >= 0) return fd;
     std::lock_guard<std::mutex> lock(open_mutex_);
     fd = fd_.load(std::memory_order_relaxed);
     if (fd >= 0) return fd;
-    fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd >= 0) fd_.store(fd, std::memory_order_release);
+    if (kept_open.fetch_add(1) >= max_kept_open) {
+        kept_open.fetch_sub(1);
+        return -1;
+    }
+    fd = open_for_append(path_);
+    if (fd < 0) {
+        kept_open.fetch_sub(1);
+        return -1;
+    }
+    fd_.store(fd, std::memory_order_release);
     return fd;
 }
 
@@ -119,8 +143,12 @@ int file_log::descriptor() {
 // overwrite a line.
 void file_log::write(liblog::severity level, const std::string& text) {
     if (path_.empty()) return;
-    const int fd = descriptor();
-    if (fd < 0) return;
+    int fd = descriptor();
+    const bool own = fd < 0;
+    if (own) {
+        fd = open_for_append(path_);
+        if (fd < 0) return;
+    }
     // Time stamp, severity and a blank each way: at most 24 + 1 + 11 + 1 characters.
     char prefix[48];
     std::size_t length = time_stamp(prefix);
@@ -138,6 +166,7 @@ void file_log::write(liblog::severity level, const std::string& text) {
     char line_feed = '\n';
     iovec parts[3] = {{prefix, length}, {const_cast<char*>(text.data()), text.size()}, {&line_feed, 1}};
     write_all(fd, parts, 3);
+    if (own) ::close(fd);
 }
 
 sensor_log::sensor_log(int sensor_id) : file_log("sensor_" + std::to_string(sensor_id) + ".log") {}

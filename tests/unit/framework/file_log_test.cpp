@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -81,6 +83,30 @@ TEST_F(file_log_test, concurrent_writers_on_one_file_neither_tear_nor_lose_lines
     const auto lines = lines_of(dir_ / "shared.log");
     EXPECT_EQ(lines.size(), 1600u);
     for (const auto& line : lines) ASSERT_EQ(line.substr(24), "INFO " + payload);
+}
+
+// Logs keep their file open, but thousands of sensor logs must not use up the
+// descriptors of the process: past a bound, lines still arrive, each opening the file.
+TEST_F(file_log_test, many_logs_keep_a_bounded_number_of_files_open) {
+    auto open_descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator{});
+    };
+    const auto before = open_descriptors();
+    std::vector<std::unique_ptr<file_log>> logs;
+    for (int i = 0; i < 200; ++i) {
+        logs.push_back(std::make_unique<file_log>("sensor_" + std::to_string(i) + ".log"));
+        logs.back()->write(lg::debug, "line " + std::to_string(i));
+    }
+    EXPECT_LE(open_descriptors() - before, 100);
+    for (int i = 0; i < 200; i += 199) logs[static_cast<std::size_t>(i)]->write(lg::debug, "again");
+    for (int i = 0; i < 200; i += 199) {
+        const auto lines = lines_of(dir_ / ("sensor_" + std::to_string(i) + ".log"));
+        ASSERT_EQ(lines.size(), 2u) << i;
+        EXPECT_EQ(lines[0].substr(24), "DEBUG line " + std::to_string(i));
+        EXPECT_EQ(lines[1].substr(24), "DEBUG again");
+    }
+    logs.clear();
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 // No line may wait in a buffer of the process: a crash right after a write keeps it.
