@@ -7,8 +7,10 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include <string.h>
@@ -93,18 +95,30 @@ bool session_active(UA_Client* client) {
 }
 
 // The stack's own lines all go to the client's log at debug, whatever their level: they
-// are trace for whoever reads the sensor log, not findings of the sensor.
+// are trace for whoever reads the sensor log, not findings of the sensor. A request
+// brings a dozen of them, so they are expanded only when some log keeps them.
 void forward_stack_line(void* context, UA_LogLevel, UA_LogCategory, const char* format, va_list args) {
     if (context == nullptr) return;
-    va_list measure;
-    va_copy(measure, args);
-    const int length = std::vsnprintf(nullptr, 0, format, measure);
-    va_end(measure);
+    auto* log = static_cast<liblog::log_interface*>(context);
+    if (!log->keeps(liblog::debug)) return;
+    static const char prefix[] = "OPC UA Client: ";
+    constexpr std::size_t prefix_length = sizeof prefix - 1;
+    // Most lines fit here, and take a single expansion.
+    char buffer[512];
+    va_list first;
+    va_copy(first, args);
+    const int length = std::vsnprintf(buffer, sizeof buffer, format, first);
+    va_end(first);
     if (length < 0) return;
-    // One more for the terminating zero, which stays part of the line.
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, args);
-    static_cast<liblog::log_interface*>(context)->write(liblog::debug, "OPC UA Client: " + text);
+    const auto expanded = static_cast<std::size_t>(length);
+    // The terminating zero of the expansion stays part of the line.
+    std::string line(prefix_length + expanded + 1, '\0');
+    std::memcpy(line.data(), prefix, prefix_length);
+    if (expanded < sizeof buffer)
+        std::memcpy(line.data() + prefix_length, buffer, expanded);
+    else
+        std::vsnprintf(line.data() + prefix_length, expanded + 1, format, args);
+    log->write(liblog::debug, line);
 }
 
 // Zeroes a buffer that held secret material before it is released; explicit_bzero is
@@ -592,12 +606,6 @@ server_certificate_info client_open62541::get_server_certificate_info() {
 
 namespace {
 
-// One attribute of one node in a Read request.
-struct read_item {
-    std::shared_ptr<generic_node_open62541> node;
-    std::uint32_t attribute;
-};
-
 struct read_response_deleter {
     void operator()(UA_ReadResponse* r) const noexcept { UA_delete(r, &UA_TYPES[UA_TYPES_READRESPONSE]); }
 };
@@ -609,19 +617,22 @@ bool connection_lost(UA_StatusCode status) {
            status == UA_STATUSCODE_BADSECURECHANNELIDINVALID || status == UA_STATUSCODE_BADNOTCONNECTED;
 }
 
+// The node behind the interface if it is one of ours, else null. A dynamic_cast across
+// the virtual bases of the node classes costs several hundred instructions, ten times a
+// scan; a node of one of the three classes themselves is recognised by its type alone.
+generic_node_open62541* own_node(generic_node_interface* node) {
+    if (node == nullptr) return nullptr;
+    const std::type_info& type = typeid(*node);
+    void* whole = dynamic_cast<void*>(node);
+    if (type == typeid(scalar_variable_node_open62541)) return static_cast<scalar_variable_node_open62541*>(whole);
+    if (type == typeid(array_variable_node_open62541)) return static_cast<array_variable_node_open62541*>(whole);
+    if (type == typeid(generic_node_open62541)) return static_cast<generic_node_open62541*>(whole);
+    return dynamic_cast<generic_node_open62541*>(node);
+}
+
 bool session_lost(UA_StatusCode status) {
     return status == UA_STATUSCODE_BADSESSIONIDINVALID || status == UA_STATUSCODE_BADSESSIONCLOSED ||
            status == UA_STATUSCODE_BADSESSIONNOTACTIVATED || connection_lost(status);
-}
-
-std::vector<read_item> collect_read_items(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
-    std::vector<read_item> items;
-    for (const auto& node : nodes) {
-        auto own = std::dynamic_pointer_cast<generic_node_open62541>(node);
-        if (!own) throw exceptions::prepare_request_failed();
-        for (std::uint32_t attribute : own->get_missing_attributes()) items.push_back({own, attribute});
-    }
-    return items;
 }
 
 }  // namespace
@@ -640,16 +651,25 @@ void client_open62541::read_node(const std::vector<std::shared_ptr<generic_node_
         logger_->write(liblog::info, "perform one retry");
         read_once(nodes);
     }
-    logger_->write(liblog::debug, "Reading nodes finished successfully.");
+    if (logger_->keeps(liblog::debug)) logger_->write(liblog::debug, "Reading nodes finished successfully.");
 }
 
 void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
     connect();
-    const std::vector<read_item> items = collect_read_items(nodes);
+    std::vector<read_item>& items = read_items_;
+    items.clear();
+    for (const auto& node : nodes) {
+        generic_node_open62541* own = own_node(node.get());
+        if (own == nullptr) throw exceptions::prepare_request_failed();
+        for (std::uint32_t attribute : own->get_missing_attributes()) items.push_back({own, attribute});
+    }
     if (items.empty()) return;
 
-    logger_->write(liblog::debug, "  Requesting " + std::to_string(items.size()) + " nodes.");
-    std::vector<UA_ReadValueId> ids(items.size());
+    // Asked once a request: a log added while it runs sees the next one.
+    const bool trace = logger_->keeps(liblog::debug);
+    if (trace) logger_->write(liblog::debug, "  Requesting " + std::to_string(items.size()) + " nodes.");
+    std::vector<UA_ReadValueId>& ids = read_ids_;
+    ids.resize(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
         UA_ReadValueId_init(&ids[i]);
         // The request borrows the nodes' own ids; it is never cleared, so nothing is freed twice.
@@ -678,7 +698,7 @@ void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_
 
     // Applied in order; a bad result stops here and leaves the earlier nodes updated.
     for (std::size_t i = 0; i < items.size(); ++i) {
-        const UA_DataValue& result = response->results[i];
+        UA_DataValue& result = response->results[i];
         const read_item& item = items[i];
         const UA_StatusCode status = result.hasStatus ? result.status : UA_STATUSCODE_GOOD;
         if (status != UA_STATUSCODE_GOOD) {
@@ -688,10 +708,12 @@ void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_
                 throw exceptions::opcua_read_failed(UA_StatusCode_name(status));
         }
         if (!result.hasValue) continue;
-        logger_->write(liblog::debug, "    Update node " +
-                                          std::to_string(reinterpret_cast<std::uintptr_t>(item.node.get())) +
-                                          "'s attribute " + std::to_string(item.attribute) + ".");
-        item.node->update_attribute(item.attribute, result.value);
+        if (trace)
+            logger_->write(liblog::debug, "    Update node " +
+                                              std::to_string(reinterpret_cast<std::uintptr_t>(item.node)) +
+                                              "'s attribute " + std::to_string(item.attribute) + ".");
+        // The response is ours and goes right after: the node may keep the value itself.
+        item.node->take_attribute(item.attribute, result.value);
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -101,6 +102,16 @@ private:
     std::string endpoint_url_;
     std::shared_ptr<liblog::multiplex_logger> logger_;
     UA_Client* ua_client_ = nullptr;
+
+    // One attribute of one node in a Read request. The caller's vector holds the node
+    // for the length of the read.
+    struct read_item {
+        generic_node_open62541* node;
+        std::uint32_t attribute;
+    };
+    // Kept from read to read, under the mutex, so that a scan allocates nothing for its request.
+    std::vector<read_item> read_items_;
+    std::vector<UA_ReadValueId> read_ids_;
 };
 
 }  // namespace brenholt::monitoring_modules::opcua

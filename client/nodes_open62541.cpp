@@ -22,6 +22,14 @@ void replace_value(UA_Variant& stored, const UA_Variant& value) {
     UA_clear(&stored, &UA_TYPES[UA_TYPES_VARIANT]);
     if (UA_copy(&value, &stored, &UA_TYPES[UA_TYPES_VARIANT]) != UA_STATUSCODE_GOOD) throw std::bad_alloc();
 }
+
+// The same as replace_value, moving the value over instead of copying it.
+void take_value(UA_Variant& stored, UA_Variant& value) {
+    if (UA_Variant_isEmpty(&value)) return;
+    UA_clear(&stored, &UA_TYPES[UA_TYPES_VARIANT]);
+    stored = value;
+    UA_Variant_init(&value);
+}
 }  // namespace
 
 void variant_deleter::operator()(UA_Variant* v) const noexcept { UA_delete(v, &UA_TYPES[UA_TYPES_VARIANT]); }
@@ -48,8 +56,8 @@ std::string generic_node_open62541::description() const {
     return description_.text;
 }
 
-std::vector<std::uint32_t> generic_node_open62541::get_missing_attributes() const {
-    std::vector<std::uint32_t> missing;
+missing_attributes generic_node_open62541::get_missing_attributes() const {
+    missing_attributes missing;
     if (!browse_name_.is_set) missing.push_back(attribute_browse_name);
     if (!display_name_.is_set) missing.push_back(attribute_display_name);
     if (!description_.is_set) missing.push_back(attribute_description);
@@ -95,7 +103,7 @@ bool scalar_variable_node_open62541::bool_value() const {
     return to_boolean(*value_, 0);
 }
 
-std::vector<std::uint32_t> scalar_variable_node_open62541::get_missing_attributes() const {
+missing_attributes scalar_variable_node_open62541::get_missing_attributes() const {
     auto missing = generic_node_open62541::get_missing_attributes();
     missing.push_back(attribute_value);
     return missing;
@@ -104,6 +112,13 @@ std::vector<std::uint32_t> scalar_variable_node_open62541::get_missing_attribute
 void scalar_variable_node_open62541::update_attribute(std::uint32_t attribute, const UA_Variant& value) {
     if (attribute == attribute_value)
         replace_value(*value_, value);
+    else
+        generic_node_open62541::update_attribute(attribute, value);
+}
+
+void scalar_variable_node_open62541::take_attribute(std::uint32_t attribute, UA_Variant& value) {
+    if (attribute == attribute_value)
+        take_value(*value_, value);
     else
         generic_node_open62541::update_attribute(attribute, value);
 }
@@ -169,7 +184,7 @@ bool array_variable_node_open62541::bool_value() const {
     return to_boolean(*value_, index_);
 }
 
-std::vector<std::uint32_t> array_variable_node_open62541::get_missing_attributes() const {
+missing_attributes array_variable_node_open62541::get_missing_attributes() const {
     auto missing = generic_node_open62541::get_missing_attributes();
     missing.push_back(attribute_value);
     return missing;
@@ -178,6 +193,13 @@ std::vector<std::uint32_t> array_variable_node_open62541::get_missing_attributes
 void array_variable_node_open62541::update_attribute(std::uint32_t attribute, const UA_Variant& value) {
     if (attribute == attribute_value)
         replace_value(*value_, value);
+    else
+        generic_node_open62541::update_attribute(attribute, value);
+}
+
+void array_variable_node_open62541::take_attribute(std::uint32_t attribute, UA_Variant& value) {
+    if (attribute == attribute_value)
+        take_value(*value_, value);
     else
         generic_node_open62541::update_attribute(attribute, value);
 }

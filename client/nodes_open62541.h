@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,6 +20,17 @@ inline constexpr std::uint32_t attribute_display_name = 4;
 inline constexpr std::uint32_t attribute_description = 5;
 inline constexpr std::uint32_t attribute_value = 13;
 
+// The attributes a node still lacks: at most the three names and the value. Held in
+// place, since every read of every node asks for it.
+struct missing_attributes {
+    std::uint32_t ids[4] = {};
+    std::size_t count = 0;
+    void push_back(std::uint32_t attribute) { ids[count++] = attribute; }
+    std::size_t size() const { return count; }
+    const std::uint32_t* begin() const { return ids; }
+    const std::uint32_t* end() const { return ids + count; }
+};
+
 class generic_node_open62541 : public virtual generic_node_interface {
 public:
     explicit generic_node_open62541(const std::string& node_id);
@@ -31,8 +43,11 @@ public:
     std::string description() const override;
 
     // What a read still has to fetch for this node: the names never read yet.
-    virtual std::vector<std::uint32_t> get_missing_attributes() const;
+    virtual missing_attributes get_missing_attributes() const;
     virtual void update_attribute(std::uint32_t attribute, const UA_Variant& value);
+    // As update_attribute, for a value the caller gives up: a node may keep it instead of
+    // a copy, and leaves `value` empty then.
+    virtual void take_attribute(std::uint32_t attribute, UA_Variant& value) { update_attribute(attribute, value); }
 
     const UA_NodeId* node_id() const { return id_.get(); }
 
@@ -70,8 +85,9 @@ public:
     double double_value() const override;
     bool bool_value() const override;
 
-    std::vector<std::uint32_t> get_missing_attributes() const override;
+    missing_attributes get_missing_attributes() const override;
     void update_attribute(std::uint32_t attribute, const UA_Variant& value) override;
+    void take_attribute(std::uint32_t attribute, UA_Variant& value) override;
 
     void set_value(const std::string& value) override;
     void set_value(std::int64_t value) override;
@@ -96,8 +112,9 @@ public:
     double double_value() const override;
     bool bool_value() const override;
 
-    std::vector<std::uint32_t> get_missing_attributes() const override;
+    missing_attributes get_missing_attributes() const override;
     void update_attribute(std::uint32_t attribute, const UA_Variant& value) override;
+    void take_attribute(std::uint32_t attribute, UA_Variant& value) override;
 
     std::uint64_t index() const { return index_; }
 

@@ -32,9 +32,9 @@ std::vector<std::uint8_t> module_instance_adapter::get_module_information_as_byt
     static const char* const name = "get_module_information_as_bytes";
     begin(name);
     instance_->log(liblog::debug, std::string("Include texts: ") + (include_texts ? "Yes" : "No"));
-    module_information_message message(instance_->module_definition(), include_texts);
+    const auto& bytes = instance_->module_information_bytes(include_texts);
     end(name);
-    return message.serialize();
+    return bytes;
 }
 
 int module_instance_adapter::create_sensor_instance(int sensor_id, const void* data, unsigned int size) {

@@ -23,8 +23,12 @@ public:
     void log(liblog::severity level, const std::string& text) { instance_->log(level, text); }
 
 private:
-    void begin(const char* name) { instance_->log(liblog::debug, std::string("### Begin ") + name + " ###"); }
-    void end(const char* name) { instance_->log(liblog::debug, std::string("### End   ") + name + " ###"); }
+    void begin(const char* name) {
+        if (instance_->log_keeps(liblog::debug)) instance_->log(liblog::debug, std::string("### Begin ") + name + " ###");
+    }
+    void end(const char* name) {
+        if (instance_->log_keeps(liblog::debug)) instance_->log(liblog::debug, std::string("### End   ") + name + " ###");
+    }
 
     std::unique_ptr<libvurohelper::module::module_instance> instance_;
 };

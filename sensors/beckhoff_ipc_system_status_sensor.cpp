@@ -164,8 +164,11 @@ void beckhoff_ipc_system_status_sensor::fetch_nodes() {
     log_debug("Fetching " + std::to_string(nodes.size()) + " nodes.");
     // All nine go in one request every scan, the ones this scan will not look at too.
     std::vector<std::shared_ptr<generic_node_interface>> request;
+    // Asking for a name not yet read throws: only worth it for a log that keeps the line.
+    const bool trace = log_keeps(liblog::debug) || log_keeps(liblog::info);
     for (const auto& node : nodes) {
         request.push_back(node);
+        if (!trace) continue;
         try {
             log_debug("Adding node to request: " + node->browse_name());
         } catch (const exceptions::opcua_failure& e) {

@@ -45,6 +45,7 @@ custom_sensor::custom_sensor(libvurohelper::sensors::sensor_parameters<settings:
         client->add_logger(log_ptr(), liblog::debug);
         create_sensor_message_node();
         create_channel_nodes();
+        build_read_request();
         define_channels();
     });
 }
@@ -64,12 +65,14 @@ void custom_sensor::create_sensor_message_node() {
 }
 
 void custom_sensor::create_channel_nodes() {
+    channel_nodes.reserve(settings::custom_channel_count);
     for (int index = 0; index < settings::custom_channel_count; ++index) {
         const auto& channel = settings.channels[static_cast<std::size_t>(index)];
         if (channel.enabled && *channel.enabled != settings::channel::enable) continue;
         log_debug("Creating node channel " + std::to_string(index + 1) + " for node id: " + channel.nodeid);
-        channel_nodes[index] = services->create<readable_variable_node_interface>(channel.nodeid);
+        channel_nodes.emplace_back(index, services->create<readable_variable_node_interface>(channel.nodeid));
     }
+    channel_nodes.shrink_to_fit();
 }
 
 void custom_sensor::define_channels() {
@@ -100,26 +103,36 @@ void custom_sensor::define_channels() {
     }
 }
 
+// The nodes never change after creation, so neither does the list that reads them.
+void custom_sensor::build_read_request() {
+    read_request.clear();
+    read_request.reserve(channel_nodes.size() + (sensor_message_node ? 1 : 0));
+    for (const auto& [index, node] : channel_nodes) read_request.push_back(node);
+    if (sensor_message_node) read_request.push_back(sensor_message_node);
+}
+
 void custom_sensor::fetch_nodes() {
-    log_debug("Fetching " + std::to_string(channel_nodes.size()) + " nodes.");
-    std::vector<std::shared_ptr<generic_node_interface>> request;
-    for (const auto& [index, node] : channel_nodes) {
-        request.push_back(node);
-        try {
-            log_debug("Adding node to request: " + node->browse_name());
-        } catch (const exceptions::opcua_failure& e) {
-            log(std::string("Node metadata was not yet initialized: ") + e.what(), liblog::info);
+    const bool trace = log_keeps(liblog::debug);
+    if (trace) log_debug("Fetching " + std::to_string(channel_nodes.size()) + " nodes.");
+    // Before the first read the names are not there and each asking throws; that is
+    // worth doing only for a log that keeps what comes of it.
+    if (trace || log_keeps(liblog::info)) {
+        for (const auto& [index, node] : channel_nodes) {
+            try {
+                log_debug("Adding node to request: " + node->browse_name());
+            } catch (const exceptions::opcua_failure& e) {
+                log(std::string("Node metadata was not yet initialized: ") + e.what(), liblog::info);
+            }
         }
     }
-    if (sensor_message_node) request.push_back(sensor_message_node);
-    log_debug("Fetching " + std::to_string(request.size()) + " nodes.");
-    client->read_node(request);
+    if (trace) log_debug("Fetching " + std::to_string(read_request.size()) + " nodes.");
+    client->read_node(read_request);
 }
 
 void custom_sensor::work() {
     fetch_nodes();
     sensor_scan_result result = generate_result(libvurohelper::sensors::ok_message(), scan_response_codes::ok);
-    log_debug("Adding results.");
+    if (log_keeps(liblog::debug)) log_debug("Adding results.");
     for (const auto& [index, node] : channel_nodes) set_channel_value(result, index + 1, *node);
     set_sensor_message(result);
     send_result(result);
@@ -155,7 +168,7 @@ void custom_sensor::set_sensor_message(sensor_scan_result& result) {
     if (!sensor_message_node) return;
     // An error message must never be replaced by the server's text.
     if (result.response_message().key != libvurohelper::sensors::ok_message().key) return;
-    log_debug("Set sensor message from node: " + settings.sensor_message_nodeid);
+    if (log_keeps(liblog::debug)) log_debug("Set sensor message from node: " + settings.sensor_message_nodeid);
     const std::string text = sensor_message_node->string_value();
     if (text.empty())
         result.set_response_message(libi18n::make_msg(cat::message_node_empty));

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "liblog/log.h"
@@ -18,17 +20,26 @@ namespace logging {
 // empty: logs are discarded.
 inline constexpr const char* log_dir_variable = "VURO_LOG_DIR";
 
-// One log file; each line gets a time stamp and the severity name.
+// One log file; each line gets a time stamp and the severity name. The file is opened
+// at the first line and stays open; several log objects may append to one file.
 class VURO_API file_log : public liblog::log_interface {
 public:
     explicit file_log(std::string file_name);
     ~file_log() override;
+    file_log(const file_log&) = delete;
+    file_log& operator=(const file_log&) = delete;
     void write(liblog::severity level, const std::string& text) override;
+    // Every line or none: whether logging to files is on.
+    bool keeps(liblog::severity) const override { return !path_.empty(); }
     // Where the lines go, empty when logging to files is off.
     const std::string& path() const { return path_; }
 
 private:
+    int descriptor();
+
     std::string path_;
+    std::atomic<int> fd_{-1};
+    std::mutex open_mutex_;
 };
 
 // The log of one sensor: "sensor_<id>.log". The file appears with the first line.

@@ -1,6 +1,9 @@
 #include "libvurohelper/responses.h"
 
 #include <chrono>
+#include <cstddef>
+
+#include <google/protobuf/arena.h>
 
 #include "libvurohelper/channels.h"
 #include "libvurohelper/exceptions.h"
@@ -112,8 +115,12 @@ void sensor_scan_result::check_channel(int channel_id, bool is_float) const {
     if (wants_float != is_float) throw ex::invalid_channel_mode(std::to_string(channel_id));
 }
 
+// Room for a sensor's usual count at the first value, instead of growing step by step.
+constexpr std::size_t usual_channel_count = 12;
+
 sensor_scan_result& sensor_scan_result::set_value(int channel_id, double value) {
     check_channel(channel_id, true);
+    if (channels_.empty()) channels_.reserve(usual_channel_count);
     auto v = std::make_shared<channel_value>();
     v->channel_id = channel_id;
     v->is_float = true;
@@ -124,6 +131,7 @@ sensor_scan_result& sensor_scan_result::set_value(int channel_id, double value) 
 
 sensor_scan_result& sensor_scan_result::set_value(int channel_id, long value) {
     check_channel(channel_id, false);
+    if (channels_.empty()) channels_.reserve(usual_channel_count);
     auto v = std::make_shared<channel_value>();
     v->channel_id = channel_id;
     v->integer = value;
@@ -134,7 +142,15 @@ sensor_scan_result& sensor_scan_result::set_value(int channel_id, long value) {
 messaging::message_type sensor_scan_result::type() const { return messaging::message_type::sensor_scan_result; }
 
 std::string sensor_scan_result::payload() const {
-    brenholt::vuro::wire::SensorScanResult m;
+    // A result is made at every scan: its message and the channel records come out of a
+    // block on the stack instead of one allocation each.
+    alignas(std::max_align_t) char block[2048];
+    google::protobuf::ArenaOptions options;
+    options.initial_block = block;
+    options.initial_block_size = sizeof block;
+    google::protobuf::Arena arena(options);
+    auto& m = *google::protobuf::Arena::CreateMessage<brenholt::vuro::wire::SensorScanResult>(&arena);
+    m.mutable_channels()->Reserve(static_cast<int>(channels_.size()));
     m.set_sensor_id(sensor_id_);
     m.mutable_message()->set_key(message_.key);
     m.mutable_message()->set_text(message_.text);

@@ -69,7 +69,9 @@ public:
     }
 
     void scan() override {
-        log_debug("#################### Enter sensor scan ####################");
+        // The banners are built only for a log that keeps them: most sensors log nothing.
+        const bool trace = log_keeps(liblog::debug);
+        if (trace) log_debug("#################### Enter sensor scan ####################");
         try {
             work();
         } catch (const libi18n::i18n_exception& e) {
@@ -79,7 +81,7 @@ public:
             log_debug(e.what());
             send_error_result(e);
         }
-        log_debug("#################### Exit sensor scan  ####################");
+        if (trace) log_debug("#################### Exit sensor scan  ####################");
     }
 
     virtual void work() = 0;
@@ -93,9 +95,16 @@ protected:
         return result;
     }
 
+    // The message service is looked up once: the container's instance never changes, and
+    // the sensor goes before the services do.
     void send_result(const messaging::vuro_message& message) {
-        services->template get_instance<messaging::message_service_interface>()->send(message);
+        if (!messages_) messages_ = services->template get_instance<messaging::message_service_interface>();
+        messages_->send(message);
     }
+
+    // Whether a line of this severity reaches the sensor's log; texts that cost
+    // something to build are built only then.
+    bool log_keeps(liblog::severity level) const { return log_->keeps(level); }
 
     // The error result of a failure: no channel values, error code 0, response code 3.
     // An i18n_exception keeps its translatable message, any other its plain text.
@@ -140,6 +149,7 @@ protected:
 
 private:
     std::shared_ptr<liblog::log_interface> log_;
+    std::shared_ptr<messaging::message_service_interface> messages_;
 };
 
 }  // namespace brenholt::monitoring_modules::libvurohelper::sensors

@@ -1,0 +1,126 @@
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libvurohelper/logging.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace lg = ::brenholt::monitoring_modules::liblog;
+using ::brenholt::monitoring_modules::libvurohelper::logging::file_log;
+
+std::vector<std::string> lines_of(const fs::path& file) {
+    std::vector<std::string> lines;
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+class file_log_test : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("file-log-test-" + std::to_string(::getpid()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+        setenv("VURO_LOG_DIR", dir_.c_str(), 1);
+    }
+    void TearDown() override {
+        unsetenv("VURO_LOG_DIR");
+        fs::remove_all(dir_);
+    }
+    fs::path dir_;
+};
+
+TEST_F(file_log_test, without_a_directory_nothing_is_kept_or_written) {
+    unsetenv("VURO_LOG_DIR");
+    file_log log("quiet.log");
+    EXPECT_FALSE(log.keeps(lg::emergency));
+    log.write(lg::error, "lost");
+    EXPECT_TRUE(fs::is_empty(dir_));
+}
+
+TEST_F(file_log_test, the_file_comes_with_the_first_line_and_each_line_has_time_and_severity) {
+    file_log log("runtime.log");
+    EXPECT_TRUE(log.keeps(lg::debug));
+    EXPECT_FALSE(fs::exists(dir_ / "runtime.log"));
+    log.write(lg::debug, "first");
+    log.write(lg::emergency, std::string("with a zero\0", 12));
+    log.write(static_cast<lg::severity>(9), "odd");
+    const auto lines = lines_of(dir_ / "runtime.log");
+    ASSERT_EQ(lines.size(), 3u);
+    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )");
+    const char* const expected[] = {"DEBUG first", "EMERGENCY with a zero", "9 odd"};
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_TRUE(std::regex_search(lines[i], stamp, std::regex_constants::match_continuous)) << lines[i];
+        EXPECT_EQ(lines[i].substr(24, std::string(expected[i]).size()), expected[i]) << lines[i];
+    }
+    EXPECT_EQ(lines[1].back(), '\0') << "the text goes out as it is, zero included";
+}
+
+// Several log objects share one file (each check gets its own runtime log) and several
+// threads write at once: every line must arrive whole, none overwritten.
+TEST_F(file_log_test, concurrent_writers_on_one_file_neither_tear_nor_lose_lines) {
+    file_log a("shared.log"), b("shared.log");
+    const std::string payload(300, 'x');
+    std::vector<std::thread> writers;
+    for (file_log* log : {&a, &b, &a, &b})
+        writers.emplace_back([log, &payload] {
+            for (int i = 0; i < 400; ++i) log->write(lg::info, payload);
+        });
+    for (auto& t : writers) t.join();
+    const auto lines = lines_of(dir_ / "shared.log");
+    EXPECT_EQ(lines.size(), 1600u);
+    for (const auto& line : lines) ASSERT_EQ(line.substr(24), "INFO " + payload);
+}
+
+// Logs keep their file open, but thousands of sensor logs must not use up the
+// descriptors of the process: past a bound, lines still arrive, each opening the file.
+TEST_F(file_log_test, many_logs_keep_a_bounded_number_of_files_open) {
+    auto open_descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator{});
+    };
+    const auto before = open_descriptors();
+    std::vector<std::unique_ptr<file_log>> logs;
+    for (int i = 0; i < 200; ++i) {
+        logs.push_back(std::make_unique<file_log>("sensor_" + std::to_string(i) + ".log"));
+        logs.back()->write(lg::debug, "line " + std::to_string(i));
+    }
+    EXPECT_LE(open_descriptors() - before, 100);
+    for (int i = 0; i < 200; i += 199) logs[static_cast<std::size_t>(i)]->write(lg::debug, "again");
+    for (int i = 0; i < 200; i += 199) {
+        const auto lines = lines_of(dir_ / ("sensor_" + std::to_string(i) + ".log"));
+        ASSERT_EQ(lines.size(), 2u) << i;
+        EXPECT_EQ(lines[0].substr(24), "DEBUG line " + std::to_string(i));
+        EXPECT_EQ(lines[1].substr(24), "DEBUG again");
+    }
+    logs.clear();
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+// No line may wait in a buffer of the process: a crash right after a write keeps it.
+TEST_F(file_log_test, lines_written_before_a_crash_are_in_the_file) {
+    EXPECT_EXIT(
+        {
+            file_log log("crash.log");
+            log.write(lg::info, "before the crash");
+            ::raise(SIGKILL);
+        },
+        ::testing::KilledBySignal(SIGKILL), "");
+    const auto lines = lines_of(dir_ / "crash.log");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].substr(24), "INFO before the crash");
+}
+
+}  // namespace
