@@ -4,10 +4,12 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <cstdlib>
 #include <ctime>
+#include <vector>
 
 #include "module/framework/service_container.h"
 
@@ -103,9 +105,30 @@ std::atomic<int> kept_open{0};
 int open_for_append(const std::string& path) {
     return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
 }
+
+// The logs with lines waiting. Never destroyed: a log may go after static destruction
+// has begun.
+struct waiting_logs {
+    std::mutex mutex;
+    std::vector<file_log*> logs;
+};
+waiting_logs& waiting() {
+    static auto* list = new waiting_logs;
+    return *list;
+}
+
+// Past this size the lines go out without waiting for the end of the call.
+constexpr std::size_t max_pending = 64 * 1024;
+
 }  // namespace
 
 file_log::~file_log() {
+    {
+        std::lock_guard<std::mutex> lock(waiting().mutex);
+        auto& logs = waiting().logs;
+        logs.erase(std::remove(logs.begin(), logs.end(), this), logs.end());
+    }
+    flush();
     const int fd = fd_.load();
     if (fd >= 0) {
         ::close(fd);
@@ -135,20 +158,33 @@ int file_log::descriptor() {
     return fd;
 }
 
-// Each line goes to the kernel with one system call of its own, with no buffer in this
-// process: a crash of the process leaves every line written before it in the file, and
-// the cost is one call per line. Lines are not synced to the disk, which only a failure
-// of the whole machine could lose. Append mode puts each call's bytes at the end in one
-// piece, so several log objects on one file, and several threads, never tear or
-// overwrite a line.
-void file_log::write(liblog::severity level, const std::string& text) {
-    if (path_.empty()) return;
+void file_log::write_pending() {
+    if (pending_.empty()) return;
     int fd = descriptor();
     const bool own = fd < 0;
-    if (own) {
-        fd = open_for_append(path_);
-        if (fd < 0) return;
+    if (own) fd = open_for_append(path_);
+    if (fd >= 0) {
+        iovec part{pending_.data(), pending_.size()};
+        write_all(fd, &part, 1);
+        if (own) ::close(fd);
     }
+    pending_.clear();
+}
+
+void file_log::flush() {
+    std::lock_guard<std::mutex> lock(buffer_mutex_);
+    write_pending();
+}
+
+// A system call per line costs more than the scan that writes the lines (26 of them a
+// logged scan), so lines wait in the process until the exported call that wrote them
+// returns, and go out then in one write. What a crash would take with it is the trace
+// of the call that crashed: warnings and failures go out at once, together with all
+// that came before them. Append mode puts each write at the end of the file in one
+// piece, so several log objects on one file never tear or overwrite a line. Nothing is
+// synced to the disk, which only a failure of the whole machine could lose.
+void file_log::write(liblog::severity level, const std::string& text) {
+    if (path_.empty()) return;
     // Time stamp, severity and a blank each way: at most 24 + 1 + 11 + 1 characters.
     char prefix[48];
     std::size_t length = time_stamp(prefix);
@@ -163,10 +199,28 @@ void file_log::write(liblog::severity level, const std::string& text) {
     std::memcpy(prefix + length, name, name_length);
     length += name_length;
     prefix[length++] = ' ';
-    char line_feed = '\n';
-    iovec parts[3] = {{prefix, length}, {const_cast<char*>(text.data()), text.size()}, {&line_feed, 1}};
-    write_all(fd, parts, 3);
-    if (own) ::close(fd);
+    {
+        std::lock_guard<std::mutex> lock(buffer_mutex_);
+        pending_.append(prefix, length).append(text).push_back('\n');
+        if (level <= liblog::warning || pending_.size() >= max_pending) {
+            write_pending();
+            return;
+        }
+    }
+    if (!queued_.exchange(true)) {
+        std::lock_guard<std::mutex> lock(waiting().mutex);
+        waiting().logs.push_back(this);
+    }
+}
+
+void flush_file_logs() {
+    std::lock_guard<std::mutex> lock(waiting().mutex);
+    // Under the list's lock, so that no log is destroyed while it is written out.
+    for (file_log* log : waiting().logs) {
+        log->queued_ = false;
+        log->flush();
+    }
+    waiting().logs.clear();
 }
 
 sensor_log::sensor_log(int sensor_id) : file_log("sensor_" + std::to_string(sensor_id) + ".log") {}

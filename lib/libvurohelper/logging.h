@@ -22,6 +22,9 @@ inline constexpr const char* log_dir_variable = "VURO_LOG_DIR";
 
 // One log file; each line gets a time stamp and the severity name. The file is opened
 // at the first line and stays open; several log objects may append to one file.
+// Lines of severity warning and worse go to the file at once, each with every line
+// before it; the others wait in the log until flush_file_logs(), which the module calls
+// as each of its exported functions returns.
 class VURO_API file_log : public liblog::log_interface {
 public:
     explicit file_log(std::string file_name);
@@ -34,13 +37,26 @@ public:
     // Where the lines go, empty when logging to files is off.
     const std::string& path() const { return path_; }
 
+    // Writes out the lines that wait.
+    void flush();
+
 private:
+    friend VURO_API void flush_file_logs();
     int descriptor();
+    // Caller holds buffer_mutex_.
+    void write_pending();
 
     std::string path_;
     std::atomic<int> fd_{-1};
     std::mutex open_mutex_;
+    std::mutex buffer_mutex_;
+    std::string pending_;
+    // Set while the log stands in the list of logs with lines waiting.
+    std::atomic<bool> queued_{false};
 };
+
+// Writes out the waiting lines of every file log of the process.
+VURO_API void flush_file_logs();
 
 // The log of one sensor: "sensor_<id>.log". The file appears with the first line.
 class VURO_API sensor_log : public file_log {

@@ -20,6 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 namespace lg = ::brenholt::monitoring_modules::liblog;
 using ::brenholt::monitoring_modules::libvurohelper::logging::file_log;
+using ::brenholt::monitoring_modules::libvurohelper::logging::flush_file_logs;
 
 std::vector<std::string> lines_of(const fs::path& file) {
     std::vector<std::string> lines;
@@ -54,10 +55,11 @@ TEST_F(file_log_test, without_a_directory_nothing_is_kept_or_written) {
 TEST_F(file_log_test, the_file_comes_with_the_first_line_and_each_line_has_time_and_severity) {
     file_log log("runtime.log");
     EXPECT_TRUE(log.keeps(lg::debug));
-    EXPECT_FALSE(fs::exists(dir_ / "runtime.log"));
     log.write(lg::debug, "first");
+    EXPECT_FALSE(fs::exists(dir_ / "runtime.log")) << "trace waits for the end of the call";
     log.write(lg::emergency, std::string("with a zero\0", 12));
     log.write(static_cast<lg::severity>(9), "odd");
+    flush_file_logs();
     const auto lines = lines_of(dir_ / "runtime.log");
     ASSERT_EQ(lines.size(), 3u);
     const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )");
@@ -80,6 +82,7 @@ TEST_F(file_log_test, concurrent_writers_on_one_file_neither_tear_nor_lose_lines
             for (int i = 0; i < 400; ++i) log->write(lg::info, payload);
         });
     for (auto& t : writers) t.join();
+    flush_file_logs();
     const auto lines = lines_of(dir_ / "shared.log");
     EXPECT_EQ(lines.size(), 1600u);
     for (const auto& line : lines) ASSERT_EQ(line.substr(24), "INFO " + payload);
@@ -97,8 +100,10 @@ TEST_F(file_log_test, many_logs_keep_a_bounded_number_of_files_open) {
         logs.push_back(std::make_unique<file_log>("sensor_" + std::to_string(i) + ".log"));
         logs.back()->write(lg::debug, "line " + std::to_string(i));
     }
+    flush_file_logs();
     EXPECT_LE(open_descriptors() - before, 100);
     for (int i = 0; i < 200; i += 199) logs[static_cast<std::size_t>(i)]->write(lg::debug, "again");
+    flush_file_logs();
     for (int i = 0; i < 200; i += 199) {
         const auto lines = lines_of(dir_ / ("sensor_" + std::to_string(i) + ".log"));
         ASSERT_EQ(lines.size(), 2u) << i;
@@ -109,18 +114,25 @@ TEST_F(file_log_test, many_logs_keep_a_bounded_number_of_files_open) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-// No line may wait in a buffer of the process: a crash right after a write keeps it.
-TEST_F(file_log_test, lines_written_before_a_crash_are_in_the_file) {
+// What a crash keeps: the lines of the calls before it, and every warning or failure
+// with the trace that led to it. Only the trace after the last of those goes with it.
+TEST_F(file_log_test, a_crash_keeps_finished_calls_and_every_warning_with_its_trace) {
     EXPECT_EXIT(
         {
             file_log log("crash.log");
-            log.write(lg::info, "before the crash");
+            log.write(lg::debug, "call one");
+            flush_file_logs();
+            log.write(lg::debug, "trace of call two");
+            log.write(lg::warning, "warning of call two");
+            log.write(lg::debug, "lost with the crash");
             ::raise(SIGKILL);
         },
         ::testing::KilledBySignal(SIGKILL), "");
     const auto lines = lines_of(dir_ / "crash.log");
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].substr(24), "INFO before the crash");
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].substr(24), "DEBUG call one");
+    EXPECT_EQ(lines[1].substr(24), "DEBUG trace of call two");
+    EXPECT_EQ(lines[2].substr(24), "WARNING warning of call two");
 }
 
 }  // namespace
