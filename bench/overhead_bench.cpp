@@ -41,6 +41,7 @@
 #include <open62541/client_config_default.h>
 #include <open62541/plugin/log_stdout.h>
 
+#include "libvurohelper/logging.h"
 #include "opcua_sim/address_spaces.h"
 #include "opcua_sim/server.h"
 #include "probe_host.h"
@@ -50,6 +51,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+namespace vh = brenholt::monitoring_modules::libvurohelper;
 
 // The ten variables of the sensor, in the probe's NodeID syntax; the array element
 // reads the whole array, as the raw Read does.
@@ -316,6 +318,7 @@ int run(const options& o) {
     if (logged->create(1, data) != 0) throw std::runtime_error("CreateSensorInstance failed (logged)");
     check_scan(*logged, 1);
     unsetenv("VURO_LOG_DIR");
+    vh::logging::flush_file_logs();
     if (!fs::exists(scratch / "logs" / "runtime.log")) throw std::runtime_error("the logged copy writes no runtime log");
 
     raw_reader raw(plant.endpoint_url());
@@ -340,6 +343,7 @@ int run(const options& o) {
     check_scan(quiet, 1);
     check_scan(*logged, 1);
     if (std::any_of(scans.begin(), scans.end(), [](const variant& v) { return v.name.find("log written") != std::string::npos; })) {
+        vh::logging::flush_file_logs();
         const auto log_bytes = fs::file_size(scratch / "logs" / "runtime.log");
         std::printf("  runtime log written: %.1f MB, %.0f bytes per logged scan\n", static_cast<double>(log_bytes) / 1e6,
                     static_cast<double>(log_bytes) / (static_cast<double>(o.rounds) * o.ops + 2));

@@ -1,8 +1,10 @@
 #include "client/client_open62541.h"
 
 #include "client/nodes_open62541.h"
+#include "client/stack_line_format.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstdarg>
 #include <cstdint>
@@ -95,30 +97,56 @@ bool session_active(UA_Client* client) {
 }
 
 // The stack's own lines all go to the client's log at debug, whatever their level: they
-// are trace for whoever reads the sensor log, not findings of the sensor. A request
-// brings a dozen of them, so they are expanded only when some log keeps them.
+// are trace for whoever reads the sensor log, not findings of the sensor. Every line is
+// expanded, since no log can say whether it keeps it, so the expansion allocates
+// nothing: each thread keeps its line and its buffer from one line to the next.
 void forward_stack_line(void* context, UA_LogLevel, UA_LogCategory, const char* format, va_list args) {
     if (context == nullptr) return;
     auto* log = static_cast<liblog::log_interface*>(context);
-    if (!log->keeps(liblog::debug)) return;
-    static const char prefix[] = "OPC UA Client: ";
+    static constexpr char prefix[] = "OPC UA Client: ";
     constexpr std::size_t prefix_length = sizeof prefix - 1;
-    // Most lines fit here, and take a single expansion.
-    char buffer[512];
-    va_list first;
-    va_copy(first, args);
-    const int length = std::vsnprintf(buffer, sizeof buffer, format, first);
-    va_end(first);
+    struct line_buffer {
+        char text[1024];
+        std::string line;
+        bool in_use = false;
+        line_buffer() {
+            std::memcpy(text, prefix, prefix_length);
+            line.reserve(sizeof text);
+        }
+    };
+    thread_local line_buffer own;
+    // A log that makes the stack write a line of its own finds the buffer taken.
+    line_buffer* buffer = &own;
+    std::unique_ptr<line_buffer> nested;
+    if (own.in_use) {
+        nested = std::make_unique<line_buffer>();
+        buffer = nested.get();
+    }
+    buffer->in_use = true;
+    struct release {
+        line_buffer* b;
+        ~release() { b->in_use = false; }
+    } guard{buffer};
+
+    constexpr std::size_t room = sizeof buffer->text - prefix_length;
+    int length = format_stack_line(buffer->text + prefix_length, room, format, args);
+    if (length < 0) {
+        va_list first;
+        va_copy(first, args);
+        length = std::vsnprintf(buffer->text + prefix_length, room, format, first);
+        va_end(first);
+    }
     if (length < 0) return;
     const auto expanded = static_cast<std::size_t>(length);
     // The terminating zero of the expansion stays part of the line.
-    std::string line(prefix_length + expanded + 1, '\0');
-    std::memcpy(line.data(), prefix, prefix_length);
-    if (expanded < sizeof buffer)
-        std::memcpy(line.data() + prefix_length, buffer, expanded);
-    else
-        std::vsnprintf(line.data() + prefix_length, expanded + 1, format, args);
-    log->write(liblog::debug, line);
+    if (expanded < room) {
+        buffer->line.assign(buffer->text, prefix_length + expanded + 1);
+    } else {
+        buffer->line.assign(prefix_length + expanded + 1, '\0');
+        std::memcpy(buffer->line.data(), prefix, prefix_length);
+        std::vsnprintf(buffer->line.data() + prefix_length, expanded + 1, format, args);
+    }
+    log->write(liblog::debug, buffer->line);
 }
 
 // Zeroes a buffer that held secret material before it is released; explicit_bzero is
@@ -409,16 +437,6 @@ void client_open62541::log_security_policies() {
     logger_->write(liblog::info, line);
 }
 
-namespace {
-// Refusals of the secure channel on account of a certificate or policy, as opposed to
-// a server that is not there.
-bool security_refusal(UA_StatusCode status) {
-    const UA_StatusCode code = status & 0xFFFF0000;
-    return (code >= UA_STATUSCODE_BADCERTIFICATEINVALID && code <= UA_STATUSCODE_BADCERTIFICATEREVOKED) ||
-           code == UA_STATUSCODE_BADSECURITYCHECKSFAILED || code == UA_STATUSCODE_BADSECURITYPOLICYREJECTED;
-}
-}  // namespace
-
 void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
     // Discovery always runs on a new client, which ends any session of the old one.
     make_client();
@@ -430,17 +448,7 @@ void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
     // judged afterwards by our own selection.
     std::size_t size = 0;
     UA_EndpointDescription* data = nullptr;
-    UA_StatusCode status = request_endpoints(true, size, data);
-    if (security_refusal(status)) {
-        // A server without an unsecured channel even for discovery: ask over the secured
-        // channel the library picks. The refused client keeps its failure status, so a
-        // new one asks.
-        UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
-        data = nullptr;
-        size = 0;
-        make_client();
-        status = request_endpoints(false, size, data);
-    }
+    const UA_StatusCode status = request_endpoints(size, data);
     if (status != UA_STATUSCODE_GOOD) {
         UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
         throw exceptions::opcua_discovery_failed(std::to_string(status));
@@ -449,31 +457,27 @@ void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
     endpoints.size = size;
 }
 
-UA_StatusCode client_open62541::request_endpoints(bool unsecured, std::size_t& size, UA_EndpointDescription*& data) {
+UA_StatusCode client_open62541::request_endpoints(std::size_t& size, UA_EndpointDescription*& data) {
     // open62541 1.4 has no GetEndpoints call that takes the channel's security as
     // arguments: UA_Client_getEndpoints opens the channel from the configuration. Without
     // an endpoint in the configuration it first runs a discovery of its own and matches
-    // mode, policy and identity itself, failing the whole request when nothing fits;
-    // so the unsecured request names its channel as the configured endpoint (None, no
-    // identity), and the secured one clears mode, policy and identity so that the
-    // library picks any endpoint it can open. Everything is put back before anyone
-    // reads the configuration: our own selection judges the list.
+    // mode, policy and identity itself, failing the whole request when nothing fits; so
+    // the request names its channel as the configured endpoint (None, no identity).
+    // Everything is put back before anyone reads the configuration: our own selection
+    // judges the list.
     UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
     const UA_MessageSecurityMode wanted_mode = config->securityMode;
     const UA_String wanted_policy = config->securityPolicyUri;
     const UA_ExtensionObject wanted_identity = config->userIdentityToken;
-    config->securityMode = unsecured ? UA_MESSAGESECURITYMODE_NONE : UA_MESSAGESECURITYMODE_INVALID;
-    UA_String_init(&config->securityPolicyUri);
+    config->securityMode = UA_MESSAGESECURITYMODE_NONE;
     UA_ExtensionObject_init(&config->userIdentityToken);
-    if (unsecured) {
-        config->securityPolicyUri = UA_String_fromChars(policy_uri_none);
-        config->endpoint.endpointUrl = UA_String_fromChars(endpoint_url_.c_str());
-        config->endpoint.securityMode = UA_MESSAGESECURITYMODE_NONE;
-        config->endpoint.securityPolicyUri = UA_String_fromChars(policy_uri_none);
-        config->endpoint.transportProfileUri = UA_String_fromChars(binary_transport_profile);
-        config->userTokenPolicy.tokenType = UA_USERTOKENTYPE_ANONYMOUS;
-        config->userTokenPolicy.securityPolicyUri = UA_String_fromChars(policy_uri_none);
-    }
+    config->securityPolicyUri = UA_String_fromChars(policy_uri_none);
+    config->endpoint.endpointUrl = UA_String_fromChars(endpoint_url_.c_str());
+    config->endpoint.securityMode = UA_MESSAGESECURITYMODE_NONE;
+    config->endpoint.securityPolicyUri = UA_String_fromChars(policy_uri_none);
+    config->endpoint.transportProfileUri = UA_String_fromChars(binary_transport_profile);
+    config->userTokenPolicy.tokenType = UA_USERTOKENTYPE_ANONYMOUS;
+    config->userTokenPolicy.securityPolicyUri = UA_String_fromChars(policy_uri_none);
 
     const UA_StatusCode status = UA_Client_getEndpoints(ua_client_, endpoint_url_.c_str(), &size, &data);
 
@@ -651,7 +655,8 @@ void client_open62541::read_node(const std::vector<std::shared_ptr<generic_node_
         logger_->write(liblog::info, "perform one retry");
         read_once(nodes);
     }
-    if (logger_->keeps(liblog::debug)) logger_->write(liblog::debug, "Reading nodes finished successfully.");
+    static const std::string finished = "Reading nodes finished successfully.";
+    logger_->write(liblog::debug, finished);
 }
 
 void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
@@ -665,9 +670,7 @@ void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_
     }
     if (items.empty()) return;
 
-    // Asked once a request: a log added while it runs sees the next one.
-    const bool trace = logger_->keeps(liblog::debug);
-    if (trace) logger_->write(liblog::debug, "  Requesting " + std::to_string(items.size()) + " nodes.");
+    trace_line("  Requesting ", items.size(), " nodes.", 0, "");
     std::vector<UA_ReadValueId>& ids = read_ids_;
     ids.resize(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -708,10 +711,8 @@ void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_
                 throw exceptions::opcua_read_failed(UA_StatusCode_name(status));
         }
         if (!result.hasValue) continue;
-        if (trace)
-            logger_->write(liblog::debug, "    Update node " +
-                                              std::to_string(reinterpret_cast<std::uintptr_t>(item.node)) +
-                                              "'s attribute " + std::to_string(item.attribute) + ".");
+        trace_line("    Update node ", reinterpret_cast<std::uintptr_t>(item.node), "'s attribute ", item.attribute,
+                   ".");
         // The response is ours and goes right after: the node may keep the value itself.
         item.node->take_attribute(item.attribute, result.value);
     }
@@ -739,6 +740,21 @@ void client_open62541::write_once(const scalar_variable_node_open62541& node) {
     // Unlike a read, a lost session is not retried here: only a lost connection is.
     if (connection_lost(status)) throw exceptions::opcua_connection_closed();
     throw exceptions::opcua_write_failed(UA_StatusCode_name(status));
+}
+
+// Lines of a request go out on every scan: they are put together in one buffer that the
+// client keeps, under its mutex, rather than in new strings.
+void client_open62541::trace_line(const char* a, std::uint64_t n, const char* b, std::uint64_t m, const char* c) {
+    std::string& line = trace_line_;
+    line.assign(a);
+    char digits[24];
+    line.append(digits, std::to_chars(digits, digits + sizeof digits, n).ptr);
+    line.append(b);
+    if (*c != '\0') {
+        line.append(digits, std::to_chars(digits, digits + sizeof digits, m).ptr);
+        line.append(c);
+    }
+    logger_->write(liblog::debug, line);
 }
 
 void client_open62541::add_logger(const std::shared_ptr<liblog::log_interface>& log, liblog::severity limit) {

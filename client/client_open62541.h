@@ -80,7 +80,7 @@ private:
     };
 
     void open_session();
-    UA_StatusCode request_endpoints(bool unsecured, std::size_t& size, UA_EndpointDescription*& data);
+    UA_StatusCode request_endpoints(std::size_t& size, UA_EndpointDescription*& data);
     void read_once(const std::vector<std::shared_ptr<generic_node_interface>>& nodes);
     void write_once(const scalar_variable_node_open62541& node);
     void make_client();
@@ -94,6 +94,8 @@ private:
     void log_security_policies();
     void fetch_endpoints(endpoint_array& endpoints);
     UA_EndpointDescription select_endpoint(const endpoint_array& endpoints);
+    // Writes a + n + b, then m + c unless c is empty, at debug. Caller holds the mutex.
+    void trace_line(const char* a, std::uint64_t n, const char* b, std::uint64_t m, const char* c);
 
     mutable std::recursive_mutex mutex_;
     std::shared_ptr<const libcertificatehelper::allocator> certificates_;
@@ -112,6 +114,7 @@ private:
     // Kept from read to read, under the mutex, so that a scan allocates nothing for its request.
     std::vector<read_item> read_items_;
     std::vector<UA_ReadValueId> read_ids_;
+    std::string trace_line_;
 };
 
 }  // namespace brenholt::monitoring_modules::opcua

@@ -3,7 +3,6 @@
 #include <memory>
 #include <vector>
 
-#include "libvurohelper/logging.h"
 #include "module/module_instance_adapter.h"
 #include "module/module_opcua.h"
 
@@ -24,17 +23,6 @@ struct exit_handler {
 };
 exit_handler g_exit_handler;
 
-// The trace of a call waits in the file logs until the call returns, and goes out then
-// in one write per file.
-struct flush_logs_at_return {
-    ~flush_logs_at_return() {
-        try {
-            brenholt::monitoring_modules::libvurohelper::logging::flush_file_logs();
-        } catch (...) {
-        }
-    }
-};
-
 }  // namespace
 
 extern "C" {
@@ -43,7 +31,6 @@ __attribute__((visibility("default"))) int GetApiLevel() { return 6; }
 
 __attribute__((visibility("default"))) int InitializeModule(unsigned long handle,
                                                             void (*callback)(unsigned long, void*, unsigned int)) {
-    flush_logs_at_return flush;
     if (g_adapter != nullptr) {
         try {
             g_adapter->log(brenholt::monitoring_modules::liblog::debug,
@@ -70,7 +57,6 @@ __attribute__((visibility("default"))) int CleanupModule() {
 }
 
 __attribute__((visibility("default"))) void GetModuleInformation(bool include_texts) {
-    flush_logs_at_return flush;
     if (g_adapter == nullptr) return;
     try {
         g_adapter->get_module_information(include_texts);
@@ -80,7 +66,6 @@ __attribute__((visibility("default"))) void GetModuleInformation(bool include_te
 
 __attribute__((visibility("default"))) int GetModuleInformationSync(void* buffer, unsigned int* size,
                                                                     bool include_texts) {
-    flush_logs_at_return flush;
     if (size == nullptr) return 1;
     if (g_adapter == nullptr) return 2;
     std::vector<std::uint8_t> bytes;
@@ -98,7 +83,6 @@ __attribute__((visibility("default"))) int GetModuleInformationSync(void* buffer
 }
 
 __attribute__((visibility("default"))) int CreateSensorInstance(int sensor_id, const void* data, unsigned int size) {
-    flush_logs_at_return flush;
     if (g_adapter == nullptr) return 3;
     try {
         return g_adapter->create_sensor_instance(sensor_id, data, size);
@@ -108,7 +92,6 @@ __attribute__((visibility("default"))) int CreateSensorInstance(int sensor_id, c
 }
 
 __attribute__((visibility("default"))) int ExecuteSensorScan(int sensor_id) {
-    flush_logs_at_return flush;
     if (g_adapter == nullptr) return 3;
     try {
         return g_adapter->execute_sensor_scan(sensor_id);
@@ -118,7 +101,6 @@ __attribute__((visibility("default"))) int ExecuteSensorScan(int sensor_id) {
 }
 
 __attribute__((visibility("default"))) int DestroySensorInstance(int sensor_id) {
-    flush_logs_at_return flush;
     if (g_adapter == nullptr) return 3;
     try {
         return g_adapter->destroy_sensor_instance(sensor_id);
@@ -129,7 +111,6 @@ __attribute__((visibility("default"))) int DestroySensorInstance(int sensor_id) 
 
 __attribute__((visibility("default"))) int ExecuteMetaScan(int sensor_id, unsigned int meta_scan_id, const void* data,
                                                            unsigned int size) {
-    flush_logs_at_return flush;
     if (g_adapter == nullptr) return 3;
     try {
         return g_adapter->execute_meta_scan(sensor_id, meta_scan_id, data, size);
@@ -139,7 +120,6 @@ __attribute__((visibility("default"))) int ExecuteMetaScan(int sensor_id, unsign
 }
 
 __attribute__((visibility("default"))) int ExecuteCheck(int check_id, const void* data, unsigned int size) {
-    flush_logs_at_return flush;
     if (g_adapter == nullptr) return 3;
     try {
         return g_adapter->execute_check(check_id, data, size);

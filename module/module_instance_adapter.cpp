@@ -20,7 +20,7 @@ module_instance_adapter::module_instance_adapter(std::unique_ptr<libvurohelper::
 }
 
 void module_instance_adapter::get_module_information(bool include_texts) {
-    static const char* const name = "get_module_information";
+    static const banners name("get_module_information");
     begin(name);
     instance_->log(liblog::debug, std::string("Do loadLanguages: ") + (include_texts ? "Yes" : "No"));
     module_information_message message(instance_->module_definition(), include_texts);
@@ -29,7 +29,7 @@ void module_instance_adapter::get_module_information(bool include_texts) {
 }
 
 std::vector<std::uint8_t> module_instance_adapter::get_module_information_as_bytes(bool include_texts) {
-    static const char* const name = "get_module_information_as_bytes";
+    static const banners name("get_module_information_as_bytes");
     begin(name);
     instance_->log(liblog::debug, std::string("Include texts: ") + (include_texts ? "Yes" : "No"));
     const auto& bytes = instance_->module_information_bytes(include_texts);
@@ -38,7 +38,7 @@ std::vector<std::uint8_t> module_instance_adapter::get_module_information_as_byt
 }
 
 int module_instance_adapter::create_sensor_instance(int sensor_id, const void* data, unsigned int size) {
-    static const char* const name = "create_sensor_instance";
+    static const banners name("create_sensor_instance");
     begin(name);
     sensor_data_wrapper wrapper(data, size);
     instance_->log(liblog::debug, wrapper.to_json());
@@ -49,7 +49,7 @@ int module_instance_adapter::create_sensor_instance(int sensor_id, const void* d
 }
 
 int module_instance_adapter::execute_sensor_scan(int sensor_id) {
-    static const char* const name = "execute_sensor_scan";
+    static const banners name("execute_sensor_scan");
     begin(name);
     auto dispatcher = instance_->dispatcher;
     const int result = dispatcher->execute_sensor_scan(sensor_id);
@@ -58,7 +58,7 @@ int module_instance_adapter::execute_sensor_scan(int sensor_id) {
 }
 
 int module_instance_adapter::destroy_sensor_instance(int sensor_id) {
-    static const char* const name = "destroy_sensor_instance";
+    static const banners name("destroy_sensor_instance");
     begin(name);
     auto dispatcher = instance_->dispatcher;
     const int result = dispatcher->destroy_sensor_instance(sensor_id);
@@ -68,7 +68,7 @@ int module_instance_adapter::destroy_sensor_instance(int sensor_id) {
 
 int module_instance_adapter::execute_meta_scan(int sensor_id, unsigned int meta_scan_id, const void* data,
                                                unsigned int size) {
-    static const char* const name = "execute_meta_scan";
+    static const banners name("execute_meta_scan");
     begin(name);
     sensor_data_wrapper wrapper(data, size);
     instance_->log(liblog::debug, wrapper.to_json());
@@ -79,7 +79,7 @@ int module_instance_adapter::execute_meta_scan(int sensor_id, unsigned int meta_
 }
 
 int module_instance_adapter::execute_check(int check_id, const void* data, unsigned int size) {
-    static const char* const name = "execute_check";
+    static const banners name("execute_check");
     begin(name);
     sensor_data_wrapper wrapper(data, size);
     instance_->log(liblog::debug, wrapper.to_json());

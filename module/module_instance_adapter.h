@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "module/framework/module_instance.h"
@@ -23,12 +24,15 @@ public:
     void log(liblog::severity level, const std::string& text) { instance_->log(level, text); }
 
 private:
-    void begin(const char* name) {
-        if (instance_->log_keeps(liblog::debug)) instance_->log(liblog::debug, std::string("### Begin ") + name + " ###");
-    }
-    void end(const char* name) {
-        if (instance_->log_keeps(liblog::debug)) instance_->log(liblog::debug, std::string("### End   ") + name + " ###");
-    }
+    // The banners of one operation, made once: they frame every call.
+    struct banners {
+        explicit banners(const char* name)
+            : begin(std::string("### Begin ") + name + " ###"), end(std::string("### End   ") + name + " ###") {}
+        const std::string begin;
+        const std::string end;
+    };
+    void begin(const banners& b) { instance_->log(liblog::debug, b.begin); }
+    void end(const banners& b) { instance_->log(liblog::debug, b.end); }
 
     std::unique_ptr<libvurohelper::module::module_instance> instance_;
 };

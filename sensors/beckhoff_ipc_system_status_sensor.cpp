@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cmath>
+#include <limits>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -109,10 +110,10 @@ long percent_of(long available, long size) {
     const double percent = std::round(static_cast<double>(available) * 100.0 / static_cast<double>(size));
     // 2^63 is exact as a double; every double below it and at or above -2^63 fits a long.
     constexpr double limit = 9223372036854775808.0;
-    if (!(percent >= -limit && percent < limit)) {
-        throw std::domain_error("No percentage of available memory: the device reports " + std::to_string(available) +
-                                " of a memory size of " + std::to_string(size) + ".");
-    }
+    // A size of 0 gives infinity or NaN. The value is then what an x86 conversion
+    // gives for it, the "integer indefinite" LONG_MIN, made here without undefined
+    // behaviour; the other channels of the scan stand as read.
+    if (!(percent >= -limit && percent < limit)) return std::numeric_limits<long>::min();
     return static_cast<long>(percent);
 }
 
@@ -165,7 +166,7 @@ void beckhoff_ipc_system_status_sensor::fetch_nodes() {
     // All nine go in one request every scan, the ones this scan will not look at too.
     std::vector<std::shared_ptr<generic_node_interface>> request;
     // Asking for a name not yet read throws: only worth it for a log that keeps the line.
-    const bool trace = log_keeps(liblog::debug) || log_keeps(liblog::info);
+    const bool trace = has_own_log();
     for (const auto& node : nodes) {
         request.push_back(node);
         if (!trace) continue;

@@ -87,7 +87,7 @@ void certificate_sensor::define_channels() {
 
 void certificate_sensor::work() {
     sensor_scan_result result = generate_result(libvurohelper::sensors::ok_message(), scan_response_codes::ok);
-    if (log_keeps(liblog::debug)) log_debug("Begin reading nodes.");
+    if (has_own_log()) log_debug("Begin reading nodes.");
     const server_certificate_info info = client->get_server_certificate_info();
 
     // Signed, so an expired certificate reports how long ago it ran out.
@@ -97,7 +97,7 @@ void certificate_sensor::work() {
     result.set_value(self_signed_channel, info.self_signed ? 1L : 0L);
 
     result.set_response_message(libi18n::make_msg(cat::message_certificate_ok, info.common_name, info.thumbprint));
-    if (log_keeps(liblog::debug)) log_debug("Response Message is: " + result.response_message().key);
+    if (has_own_log()) log_debug("Response Message is: " + result.response_message().key);
     send_result(result);
 }
 

@@ -112,11 +112,11 @@ void custom_sensor::build_read_request() {
 }
 
 void custom_sensor::fetch_nodes() {
-    const bool trace = log_keeps(liblog::debug);
+    const bool trace = has_own_log();
     if (trace) log_debug("Fetching " + std::to_string(channel_nodes.size()) + " nodes.");
     // Before the first read the names are not there and each asking throws; that is
     // worth doing only for a log that keeps what comes of it.
-    if (trace || log_keeps(liblog::info)) {
+    if (trace) {
         for (const auto& [index, node] : channel_nodes) {
             try {
                 log_debug("Adding node to request: " + node->browse_name());
@@ -132,7 +132,7 @@ void custom_sensor::fetch_nodes() {
 void custom_sensor::work() {
     fetch_nodes();
     sensor_scan_result result = generate_result(libvurohelper::sensors::ok_message(), scan_response_codes::ok);
-    if (log_keeps(liblog::debug)) log_debug("Adding results.");
+    if (has_own_log()) log_debug("Adding results.");
     for (const auto& [index, node] : channel_nodes) set_channel_value(result, index + 1, *node);
     set_sensor_message(result);
     send_result(result);
@@ -168,7 +168,7 @@ void custom_sensor::set_sensor_message(sensor_scan_result& result) {
     if (!sensor_message_node) return;
     // An error message must never be replaced by the server's text.
     if (result.response_message().key != libvurohelper::sensors::ok_message().key) return;
-    if (log_keeps(liblog::debug)) log_debug("Set sensor message from node: " + settings.sensor_message_nodeid);
+    if (has_own_log()) log_debug("Set sensor message from node: " + settings.sensor_message_nodeid);
     const std::string text = sensor_message_node->string_value();
     if (text.empty())
         result.set_response_message(libi18n::make_msg(cat::message_node_empty));

@@ -202,7 +202,7 @@ void server_status_sensor::set_diagnostic_values(sensor_scan_result& result) con
 
 void server_status_sensor::work() {
     sensor_scan_result result = generate_result(libvurohelper::sensors::ok_message(), scan_response_codes::ok);
-    if (log_keeps(liblog::debug)) log_debug("Begin reading nodes.");
+    if (has_own_log()) log_debug("Begin reading nodes.");
     read_status_nodes();
 
     // The lookup on the probe's side judges the state; any number goes out as read.
@@ -220,7 +220,7 @@ void server_status_sensor::work() {
         result.set_response_code(scan_response_codes::warning);
     }
 
-    if (log_keeps(liblog::debug)) log_debug("Response Message is: " + result.response_message().key);
+    if (has_own_log()) log_debug("Response Message is: " + result.response_message().key);
     send_result(result);
 }
 

@@ -33,7 +33,7 @@ double read_float(const settings_source& source, const std::string& key) {
 
 secure_string read_secure(const settings_source& source, const std::string& key) {
     const secure_string raw = source.get_secure(key);
-    return vs::kind_securestring::parse_and_validate(raw, vs::kind_securestring::validation_rules{});
+    return vs::kind_securestring::parse_and_validate(raw.str(), vs::kind_securestring::validation_rules{});
 }
 
 }  // namespace brenholt::monitoring_modules::opcua::settings

@@ -47,18 +47,6 @@ sensor_dispatcher::sensor_dispatcher(std::shared_ptr<service_container> services
 
 sensor_dispatcher::~sensor_dispatcher() { stock_.clear(); }
 
-void sensor_dispatcher::bind_sensor(const std::string& name, sensor_function function) {
-    sensors_.emplace(name, std::move(function));
-}
-
-void sensor_dispatcher::bind_meta_scan(const std::string& name, meta_scan_function function) {
-    meta_scans_.emplace(name, std::move(function));
-}
-
-void sensor_dispatcher::bind_check(const std::string& name, check_function function) {
-    checks_.emplace(name, std::move(function));
-}
-
 int sensor_dispatcher::create_sensor_instance(int id, const settings::sensor_data_wrapper& data) {
     if (data.kind().empty()) return dispatch_no_kind;
     auto it = sensors_.find(data.kind());

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "libvurohelper/api.h"
 #include "libvurohelper/sensors.h"
@@ -58,10 +59,13 @@ public:
     int execute_meta_scan(int id, unsigned int meta_scan_id, const settings::sensor_data_wrapper& data);
     int execute_check(int id, const settings::sensor_data_wrapper& data);
 
-    // A name already taken keeps its first binding.
-    void bind_sensor(const std::string& name, sensor_function function);
-    void bind_meta_scan(const std::string& name, meta_scan_function function);
-    void bind_check(const std::string& name, check_function function);
+    // A name already taken keeps its first binding. Header code: a module inserts into
+    // the tables itself and needs no operation of the library for it.
+    void bind_sensor(const std::string& name, sensor_function function) { sensors_.emplace(name, std::move(function)); }
+    void bind_meta_scan(const std::string& name, meta_scan_function function) {
+        meta_scans_.emplace(name, std::move(function));
+    }
+    void bind_check(const std::string& name, check_function function) { checks_.emplace(name, std::move(function)); }
 
     // Defined in module/framework/bindings.h, where the frame's types are known.
     template <typename T>

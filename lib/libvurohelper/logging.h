@@ -1,8 +1,7 @@
 #pragma once
 
-#include <atomic>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "liblog/log.h"
@@ -20,43 +19,30 @@ namespace logging {
 // empty: logs are discarded.
 inline constexpr const char* log_dir_variable = "VURO_LOG_DIR";
 
-// One log file; each line gets a time stamp and the severity name. The file is opened
-// at the first line and stays open; several log objects may append to one file.
-// Lines of severity warning and worse go to the file at once, each with every line
-// before it; the others wait in the log until flush_file_logs(), which the module calls
-// as each of its exported functions returns.
+namespace detail {
+class file_sink;
+}
+
+// One log file; each line gets a time stamp and the severity name, and holds text only.
+// Every log object on one file writes through the same buffer, so the lines of a file
+// come out in the order they were written, whoever wrote them. A line of severity
+// warning or worse is in the file, with everything written before it, when write()
+// returns; the others go out within a fraction of a second, or at once when much is
+// waiting.
 class VURO_API file_log : public liblog::log_interface {
 public:
-    explicit file_log(std::string file_name);
+    explicit file_log(const std::string& file_name);
     ~file_log() override;
     file_log(const file_log&) = delete;
     file_log& operator=(const file_log&) = delete;
     void write(liblog::severity level, const std::string& text) override;
-    // Every line or none: whether logging to files is on.
-    bool keeps(liblog::severity) const override { return !path_.empty(); }
     // Where the lines go, empty when logging to files is off.
-    const std::string& path() const { return path_; }
-
-    // Writes out the lines that wait.
-    void flush();
+    const std::string& path() const;
 
 private:
-    friend VURO_API void flush_file_logs();
-    int descriptor();
-    // Caller holds buffer_mutex_.
-    void write_pending();
-
-    std::string path_;
-    std::atomic<int> fd_{-1};
-    std::mutex open_mutex_;
-    std::mutex buffer_mutex_;
-    std::string pending_;
-    // Set while the log stands in the list of logs with lines waiting.
-    std::atomic<bool> queued_{false};
+    std::string name_;
+    std::shared_ptr<detail::file_sink> sink_;
 };
-
-// Writes out the waiting lines of every file log of the process.
-VURO_API void flush_file_logs();
 
 // The log of one sensor: "sensor_<id>.log". The file appears with the first line.
 class VURO_API sensor_log : public file_log {
@@ -64,6 +50,18 @@ public:
     explicit sensor_log(int sensor_id);
     ~sensor_log() override;
 };
+
+// For a host of modules, not for a module: writes out now what waits in the file logs
+// of the process, so that the files can be read.
+VURO_API void flush_file_logs();
+
+// For a host of modules, not for a module: `observer` sees every line of severity
+// `limit` or worse that a file log of the process writes, with the log's file name
+// ("runtime.log", "sensor_<id>.log"), whether or not logging to files is on. It is
+// called on the writer's thread and must not write to a file log. An empty function
+// ends the observation.
+using line_observer = std::function<void(const std::string& file_name, liblog::severity, const std::string& text)>;
+VURO_API void observe_lines(line_observer observer, liblog::severity limit);
 
 VURO_API std::string severity_name(liblog::severity level);
 

@@ -98,6 +98,8 @@ sensor_scan_result& sensor_scan_result::set_response_code(scan_response_codes co
     return *this;
 }
 
+const libi18n::i18n_msg& sensor_scan_result::response_message() const { return message_; }
+
 sensor_scan_result& sensor_scan_result::set_response_message(const libi18n::i18n_msg& message) {
     message_ = message;
     return *this;
@@ -170,6 +172,7 @@ std::string sensor_scan_result::payload() const {
 
 check_result::check_result(int check_id) : check_id_(check_id) {}
 check_result::~check_result() = default;
+void check_result::set_success(bool success) { success_ = success; }
 messaging::message_type check_result::type() const { return messaging::message_type::check_result; }
 
 std::string check_result::payload() const {

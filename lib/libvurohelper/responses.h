@@ -46,7 +46,7 @@ public:
     sensor_scan_result& set_value(int channel_id, double value);
     sensor_scan_result& set_value(int channel_id, long value);
 
-    const libi18n::i18n_msg& response_message() const { return message_; }
+    const libi18n::i18n_msg& response_message() const;
     int sensor_id() const { return sensor_id_; }
     int error_code() const { return error_code_; }
     scan_response_codes response_code() const { return static_cast<scan_response_codes>(response_code_); }
@@ -72,7 +72,7 @@ class VURO_API check_result : public messaging::vuro_message {
 public:
     explicit check_result(int check_id);
     ~check_result() override;
-    void set_success(bool success) { success_ = success; }
+    void set_success(bool success);
     bool success() const { return success_; }
     int check_id() const { return check_id_; }
 

@@ -42,8 +42,6 @@ bool is_key_material(const std::string& key, const std::string& value) {
 
 namespace brenholt::monitoring_modules::libvurohelper::settings {
 
-void secure_string::wipe() noexcept { detail::wipe(value_); }
-
 settings_source::~settings_source() = default;
 
 // The decoded data holds the secure values, and plain key material too: all of it is
@@ -179,11 +177,11 @@ std::optional<double> kind_float::parse_and_validate(const std::string& value, v
     return parsed;
 }
 
-secure_string kind_securestring::parse_and_validate(const secure_string& value, const validation_rules& rules) {
+secure_string kind_securestring::parse_and_validate(const std::string& value, const validation_rules& rules) {
     // The value itself never goes into a message.
     if (rules.max_length != 0 && value.size() > rules.max_length)
         throw ex::string_too_long("Setting", std::to_string(value.size()), std::to_string(rules.max_length));
-    return value;
+    return secure_string(value.data(), value.size());
 }
 
 channel_map::channel_map(std::unordered_map<int, std::string> known) : known_(std::move(known)) {}

@@ -86,7 +86,8 @@ struct VURO_API kind_securestring {
     struct validation_rules {
         std::size_t max_length = 0;
     };
-    static secure_string parse_and_validate(const secure_string& value, const validation_rules& rules);
+    // Takes the protected value's text; the result is a new protected copy.
+    static secure_string parse_and_validate(const std::string& value, const validation_rules& rules);
 };
 
 // Channels the probe knows (id to name) and the definitions this sensor made.

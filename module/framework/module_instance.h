@@ -47,12 +47,6 @@ public:
         if (sink) sink->write(level, text);
     }
 
-    // Whether the runtime log keeps lines of this severity.
-    bool log_keeps(liblog::severity level) {
-        const auto& sink = runtime_log();
-        return sink && sink->keeps(level);
-    }
-
     // The serialised module information for each value of the flag. The definition
     // never changes in a module's life, so the bytes are made once, at the first asking.
     const messaging::bytes& module_information_bytes(bool include_texts) {

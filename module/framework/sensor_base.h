@@ -69,8 +69,8 @@ public:
     }
 
     void scan() override {
-        // The banners are built only for a log that keeps them: most sensors log nothing.
-        const bool trace = log_keeps(liblog::debug);
+        // Most sensors log nothing: a sensor with logging off skips what it would lose.
+        const bool trace = has_own_log();
         if (trace) log_debug("#################### Enter sensor scan ####################");
         try {
             work();
@@ -102,9 +102,9 @@ protected:
         messages_->send(message);
     }
 
-    // Whether a line of this severity reaches the sensor's log; texts that cost
-    // something to build are built only then.
-    bool log_keeps(liblog::severity level) const { return log_->keeps(level); }
+    // Whether the sensor has a log of its own: without one every line is lost, so texts
+    // that cost something to build are built only with one.
+    bool has_own_log() const { return !liblog::null_logger::is_instance(log_.get()); }
 
     // The error result of a failure: no channel values, error code 0, response code 3.
     // An i18n_exception keeps its translatable message, any other its plain text.

@@ -71,21 +71,34 @@ protected:
                 EXPECT_EQ(m.body.at("success"), c.success);
             }
             EXPECT_EQ(results, 1);
-            // A failed check's text goes to the runtime log only.
+            // A failed check's text goes to the runtime log only, inside the call's banners
+            // and after the check's own first line; the log holds text only.
+            const std::vector<std::string> lines = runtime_log();
             std::vector<std::string> added;
-            std::size_t seen = 0;
-            for (const std::string& line : runtime_log()) {
+            std::vector<std::string> frame;
+            for (std::size_t i = lines_seen_; i < lines.size(); ++i) {
+                const std::string& line = lines[i];
+                EXPECT_EQ(line.find('\0'), std::string::npos) << "a zero byte in the log: " << line;
                 const auto at = line.find(" EMERGENCY ");
-                if (at != std::string::npos && seen++ >= emergency_seen_) added.push_back(line.substr(at + 11));
+                if (at != std::string::npos) {
+                    added.push_back(line.substr(at + 11));
+                    frame.push_back("EMERGENCY");
+                }
+                for (const char* mark : {"### Begin execute_check ###", "Initialize: ", "### End   execute_check ###"})
+                    if (line.find(mark) != std::string::npos) frame.push_back(mark);
             }
-            emergency_seen_ = seen;
+            lines_seen_ = lines.size();
+            std::vector<std::string> expected{"### Begin execute_check ###", "Initialize: "};
+            if (!c.emergency.empty()) expected.push_back("EMERGENCY");
+            expected.push_back("### End   execute_check ###");
+            EXPECT_EQ(frame, expected);
             EXPECT_EQ(added.size(), c.emergency.empty() ? 0u : 1u);
             for (const auto& line : added) EXPECT_NE(line.find(c.emergency), std::string::npos) << line;
         }
     }
 
 private:
-    std::size_t emergency_seen_ = 0;
+    std::size_t lines_seen_ = 0;
 };
 
 }  // namespace integration

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "libvurohelper/logging.h"
 #include "probe_host.h"
 #include "vuro.pb.h"
 
@@ -71,8 +72,15 @@ protected:
         std::filesystem::remove_all(log_dir_);
     }
 
-    std::vector<std::string> runtime_log() const { return read_lines(log_dir_ / "runtime.log"); }
-    std::vector<std::string> sensor_log(int id) const { return read_lines(log_dir_ / ("sensor_" + std::to_string(id) + ".log")); }
+    // The logs write out by themselves a moment later; a test reads them at once.
+    std::vector<std::string> runtime_log() const {
+        brenholt::monitoring_modules::libvurohelper::logging::flush_file_logs();
+        return read_lines(log_dir_ / "runtime.log");
+    }
+    std::vector<std::string> sensor_log(int id) const {
+        brenholt::monitoring_modules::libvurohelper::logging::flush_file_logs();
+        return read_lines(log_dir_ / ("sensor_" + std::to_string(id) + ".log"));
+    }
 
     std::filesystem::path log_dir_;
     std::unique_ptr<miniprobe::probe_host> host_;

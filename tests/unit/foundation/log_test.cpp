@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -53,37 +52,6 @@ TEST(multiplex_logger, a_throwing_child_releases_the_lock) {
     mux.add(good, lg::debug);
     mux.write(lg::debug, "y");
     EXPECT_EQ(texts(*good), "7:y;");
-}
-
-// Writers skip building a line that no sink keeps, so a wrong "no" loses lines.
-TEST(log_keeps, answers_by_live_children_their_limits_and_nested_multiplexers) {
-    EXPECT_FALSE(lg::null_logger::instance()->keeps(lg::emergency));
-    EXPECT_TRUE(lg::memory_logger().keeps(lg::debug));
-
-    auto outer = std::make_shared<lg::multiplex_logger>();
-    auto inner = std::make_shared<lg::multiplex_logger>();
-    auto errors = std::make_shared<lg::memory_logger>();
-    auto all = std::make_shared<lg::memory_logger>();
-    struct step {
-        const char* what;
-        std::function<void()> change;
-        bool keeps_error, keeps_debug;
-    };
-    const step steps[] = {
-        {"no children", [] {}, false, false},
-        {"only the null logger", [&] { outer->add(lg::null_logger::instance(), lg::debug); }, false, false},
-        {"an empty multiplexer", [&] { outer->add(inner, lg::debug); }, false, false},
-        {"a sink up to errors inside it", [&] { inner->add(errors, lg::error); }, true, false},
-        {"a sink for all inside it", [&] { inner->add(all, lg::debug); }, true, true},
-        {"the inner one capped at warnings", [&] { outer->add(inner, lg::warning); }, true, false},
-        {"both sinks removed", [&] { inner->remove(errors); inner->remove(all); }, false, false},
-    };
-    for (const auto& s : steps) {
-        s.change();
-        EXPECT_EQ(outer->keeps(lg::error), s.keeps_error) << s.what;
-        EXPECT_EQ(outer->keeps(lg::debug), s.keeps_debug) << s.what;
-        EXPECT_FALSE(outer->keeps(static_cast<lg::severity>(8))) << s.what;
-    }
 }
 
 }  // namespace
