@@ -10,7 +10,6 @@
 
 namespace brenholt::monitoring_modules::opcua {
 
-
 // What sensors, checks and the notification see of an OPC UA server. One client
 // may be shared by all users with equal client_settings.
 class client_interface {
@@ -30,6 +29,10 @@ public:
     virtual void read_node(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) = 0;
     virtual void add_logger(const std::shared_ptr<liblog::log_interface>& log, liblog::severity limit) = 0;
     virtual void remove_logger(const std::shared_ptr<liblog::log_interface>& log) = 0;
+    // Connects if need be, and proves a session that was standing with a request: true
+    // when the session answers. One operation under the client's lock, so the answer is
+    // about the connection this call made or tested, whatever other users do meanwhile.
+    virtual bool test_connection() = 0;
 };
 
 }  // namespace brenholt::monitoring_modules::opcua

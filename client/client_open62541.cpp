@@ -1,11 +1,13 @@
 #include "client/client_open62541.h"
 
 #include "client/nodes_open62541.h"
+#include "client/server_probe.h"
 #include "client/stack_line_format.h"
 
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -100,9 +102,34 @@ bool session_active(UA_Client* client) {
 // are trace for whoever reads the sensor log, not findings of the sensor. Every line is
 // expanded, since no log can say whether it keeps it, so the expansion allocates
 // nothing: each thread keeps its line and its buffer from one line to the next.
+// The stack announces each read from a connection socket with this line, and reads right
+// after it. open62541 1.4 takes a read of 0 bytes, the peer's end of the connection, for
+// "try again later" when errno still holds EAGAIN from an earlier call: the socket stays
+// readable, and the client spins until its request times out, writing two lines a turn.
+// With errno cleared here, that read closes the connection as it should.
+constexpr char receive_line[] = "TCP %u\t| Allocate receive buffer";
+
+// Lines of the stack one attempt of a client operation writes at most; a connect with
+// its request writes under 200, a request that waits out its time-out thousands.
+constexpr unsigned max_stack_lines = 200;
+
+void write_stack_line(stack_line_gate& gate, const char* format, va_list args);
+
 void forward_stack_line(void* context, UA_LogLevel, UA_LogCategory, const char* format, va_list args) {
-    if (context == nullptr) return;
-    auto* log = static_cast<liblog::log_interface*>(context);
+    // Our writing must not change what the stack finds in errno after its log call.
+    const int saved_errno = errno;
+    if (context != nullptr) write_stack_line(*static_cast<stack_line_gate*>(context), format, args);
+    errno = std::strcmp(format, receive_line) == 0 ? 0 : saved_errno;
+}
+
+void write_stack_line(stack_line_gate& gate, const char* format, va_list args) {
+    if (gate.log == nullptr) return;
+    if (gate.lines >= max_stack_lines) {
+        ++gate.left_out;
+        return;
+    }
+    ++gate.lines;
+    liblog::log_interface* log = gate.log;
     static constexpr char prefix[] = "OPC UA Client: ";
     constexpr std::size_t prefix_length = sizeof prefix - 1;
     struct line_buffer {
@@ -183,6 +210,31 @@ UA_StatusCode refuse_key_password(UA_ClientConfig*, UA_ByteString*) { return UA_
 
 }  // namespace
 
+class client_open62541::operation {
+public:
+    // Caller holds the client's mutex.
+    explicit operation(client_open62541& client) : gate_(client.stack_lines_), log_(*client.logger_) {
+        if (gate_.depth++ == 0) gate_.lines = gate_.left_out = 0;
+    }
+    ~operation() {
+        if (--gate_.depth == 0) next_attempt();
+    }
+    // The retry of an operation gets lines of its own: it is the part worth reading.
+    void next_attempt() {
+        gate_.lines = 0;
+        if (gate_.left_out == 0) return;
+        const unsigned left_out = gate_.left_out;
+        gate_.left_out = 0;
+        log_.write(liblog::debug, "OPC UA Client: " + std::to_string(left_out) + " further lines of the stack left out.");
+    }
+    operation(const operation&) = delete;
+    operation& operator=(const operation&) = delete;
+
+private:
+    stack_line_gate& gate_;
+    liblog::log_interface& log_;
+};
+
 client_open62541::endpoint_array::~endpoint_array() {
     if (data != nullptr) UA_Array_delete(data, size, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
 }
@@ -193,7 +245,9 @@ client_open62541::client_open62541(const client_settings& settings,
       settings_(settings),
       services_(std::move(services)),
       endpoint_url_(build_url(settings_)),
-      logger_(std::make_shared<liblog::multiplex_logger>()) {}
+      logger_(std::make_shared<liblog::multiplex_logger>()) {
+    stack_lines_.log = logger_.get();
+}
 
 client_open62541::~client_open62541() {
     delete_client(ua_client_);
@@ -210,18 +264,29 @@ const client_settings& client_open62541::get_settings() const { return settings_
 // mutex is recursive, so a caller that holds it already is not blocked.
 bool client_open62541::is_connected() const {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    if (ua_client_ == nullptr) return false;
+    if (ua_client_ == nullptr || discard_) return false;
     return session_active(ua_client_);
 }
 
 void client_open62541::connect() {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    if (ua_client_ != nullptr && session_active(ua_client_)) return;
+    operation op(*this);
+    if (ua_client_ != nullptr && !discard_ && session_active(ua_client_)) return;
     open_session();
 }
 
+std::uint32_t client_open62541::timeout_ms() const {
+    return static_cast<std::uint32_t>(settings_.timeout) * 1000u;
+}
+
 void client_open62541::open_session() {
+    // A server that does not answer a new connection is not worth a new UA_Client: in
+    // mode none that costs a 4096-bit key, for every scan while the server is down or hung.
+    const UA_StatusCode reachable = probe_server(settings_.host, settings_.port, endpoint_url_, timeout_ms());
+    if (reachable != UA_STATUSCODE_GOOD) throw exceptions::opcua_connection_failed(UA_StatusCode_name(reachable));
+    const bool after_timeout = discard_after_timeout_;
     make_client();
+    rebuilt_after_timeout_ = after_timeout;
     UA_ClientConfig* config = UA_Client_getConfig(ua_client_);
     config->noSession = false;
     UA_clear(&config->endpointUrl, &UA_TYPES[UA_TYPES_STRING]);
@@ -236,6 +301,10 @@ void client_open62541::make_client() {
     if (fresh == nullptr) throw std::bad_alloc();
     // The new one is in place before the old one goes, so ua_client_ never dangles.
     UA_Client* old = std::exchange(ua_client_, fresh);
+    // A silent connection would hold the old client's goodbye to its session for a whole
+    // time-out: its channel is closed first, which sends nothing that waits for an answer.
+    if (old != nullptr && discard_) UA_Client_disconnectSecureChannel(old);
+    discard_ = discard_after_timeout_ = false;
     delete_client(old);
     // Set before any key reaches the library, so it never prompts.
     UA_Client_getConfig(ua_client_)->privateKeyPasswordCallback = refuse_key_password;
@@ -259,7 +328,7 @@ void client_open62541::configure_logging() {
     if (config->logging != nullptr) {
         UA_Logger* stack_log = config->logging;
         stack_log->log = forward_stack_line;
-        stack_log->context = static_cast<liblog::log_interface*>(logger_.get());
+        stack_log->context = &stack_lines_;
     }
     auto services = services_.lock();
     if (!services) return;
@@ -438,6 +507,9 @@ void client_open62541::log_security_policies() {
 }
 
 void client_open62541::fetch_endpoints(endpoint_array& endpoints) {
+    // No key for a server that answers nothing; the old client and its session stay.
+    const UA_StatusCode reachable = probe_server(settings_.host, settings_.port, endpoint_url_, timeout_ms());
+    if (reachable != UA_STATUSCODE_GOOD) throw exceptions::opcua_discovery_failed(std::to_string(reachable));
     // Discovery always runs on a new client, which ends any session of the old one.
     make_client();
 
@@ -574,6 +646,7 @@ UA_EndpointDescription client_open62541::select_endpoint(const UA_EndpointDescri
 
 bool client_open62541::validate_endpoint() {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
+    operation op(*this);
     endpoint_array endpoints;
     try {
         fetch_endpoints(endpoints);
@@ -587,6 +660,7 @@ bool client_open62541::validate_endpoint() {
 
 server_certificate_info client_open62541::get_server_certificate_info() {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
+    operation op(*this);
     logger_->write(liblog::debug, "Fetching endpoints from server.");
     endpoint_array endpoints;
     fetch_endpoints(endpoints);
@@ -647,10 +721,12 @@ void client_open62541::read_node(const std::shared_ptr<generic_node_interface>& 
 
 void client_open62541::read_node(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
+    operation op(*this);
     try {
         read_once(nodes);
     } catch (const exceptions::opcua_connection_closed& e) {
         // One retry only: a second loss goes to the caller.
+        op.next_attempt();
         logger_->write(liblog::info, std::string("Error on read_node: ") + e.what());
         logger_->write(liblog::info, "perform one retry");
         read_once(nodes);
@@ -693,10 +769,8 @@ void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_
                         &UA_TYPES[UA_TYPES_READRESPONSE]);
 
     const UA_StatusCode service = response->responseHeader.serviceResult;
-    if (service != UA_STATUSCODE_GOOD) {
-        if (session_lost(service)) throw exceptions::opcua_connection_closed();
-        throw exceptions::opcua_request_failed(UA_StatusCode_name(service));
-    }
+    if (service != UA_STATUSCODE_GOOD) raise_for_service<exceptions::opcua_request_failed>(service, true);
+    rebuilt_after_timeout_ = false;
     if (response->resultsSize != items.size()) throw exceptions::opcua_response_size_mismatch();
 
     // Applied in order; a bad result stops here and leaves the earlier nodes updated.
@@ -720,11 +794,13 @@ void client_open62541::read_once(const std::vector<std::shared_ptr<generic_node_
 
 void client_open62541::write_node_value(const std::shared_ptr<writeable_variable_node_interface>& node) {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
+    operation op(*this);
     auto scalar = std::dynamic_pointer_cast<scalar_variable_node_open62541>(node);
     if (!scalar) throw exceptions::prepare_request_failed();
     try {
         write_once(*scalar);
     } catch (const exceptions::opcua_connection_closed& e) {
+        op.next_attempt();
         logger_->write(liblog::info, std::string("Error on write_node_value: ") + e.what());
         logger_->write(liblog::info, "perform one retry");
         write_once(*scalar);
@@ -736,10 +812,65 @@ void client_open62541::write_once(const scalar_variable_node_open62541& node) {
     connect();
     const UA_StatusCode status = __UA_Client_writeAttribute(ua_client_, node.node_id(), UA_ATTRIBUTEID_VALUE,
                                                             node.variant(), &UA_TYPES[UA_TYPES_VARIANT]);
-    if (status == UA_STATUSCODE_GOOD) return;
-    // Unlike a read, a lost session is not retried here: only a lost connection is.
-    if (connection_lost(status)) throw exceptions::opcua_connection_closed();
-    throw exceptions::opcua_write_failed(UA_StatusCode_name(status));
+    if (status != UA_STATUSCODE_GOOD) raise_for_service<exceptions::opcua_write_failed>(status, false);
+    rebuilt_after_timeout_ = false;
+}
+
+template <typename Failure>
+void client_open62541::raise_for_service(UA_StatusCode status, bool session_codes_lost) {
+    // Unlike a read, a write takes a lost session for a failure: only a lost connection is
+    // retried there.
+    if (session_codes_lost ? session_lost(status) : connection_lost(status)) throw exceptions::opcua_connection_closed();
+    // Silent past the time-out. The client's state still shows the connection open, and
+    // a connection that a NAT or firewall dropped stays silent for good: the one retry
+    // runs on a new UA_Client, once the server answers a new connection. A server that is
+    // only slow would time out on the new client too; that client then stays, and no
+    // further key is made for this server until it answers.
+    if (status == UA_STATUSCODE_BADTIMEOUT && !rebuilt_after_timeout_) {
+        discard_ = discard_after_timeout_ = true;
+        throw exceptions::opcua_connection_closed();
+    }
+    throw Failure(UA_StatusCode_name(status));
+}
+
+void client_open62541::ping() {
+    UA_ReadValueId id;
+    UA_ReadValueId_init(&id);
+    id.nodeId = UA_NODEID_NUMERIC(0, UA_NS0ID_SERVER_SERVERSTATUS_STATE);
+    id.attributeId = UA_ATTRIBUTEID_VALUE;
+    UA_ReadRequest request;
+    UA_ReadRequest_init(&request);
+    request.nodesToRead = &id;
+    request.nodesToReadSize = 1;
+    std::unique_ptr<UA_ReadResponse, read_response_deleter> response(
+        static_cast<UA_ReadResponse*>(UA_new(&UA_TYPES[UA_TYPES_READRESPONSE])));
+    if (!response) throw std::bad_alloc();
+    __UA_Client_Service(ua_client_, &request, &UA_TYPES[UA_TYPES_READREQUEST], response.get(),
+                        &UA_TYPES[UA_TYPES_READRESPONSE]);
+    const UA_StatusCode service = response->responseHeader.serviceResult;
+    if (service != UA_STATUSCODE_GOOD) raise_for_service<exceptions::opcua_request_failed>(service, true);
+    rebuilt_after_timeout_ = false;
+}
+
+bool client_open62541::test_connection() {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    operation op(*this);
+    // A session that was standing may be gone without the client's state showing it; one
+    // made just now has answered already.
+    auto attempt = [this] {
+        const bool standing = ua_client_ != nullptr && !discard_ && session_active(ua_client_);
+        connect();
+        if (standing) ping();
+    };
+    try {
+        attempt();
+    } catch (const exceptions::opcua_connection_closed& e) {
+        op.next_attempt();
+        logger_->write(liblog::info, std::string("Error on test_connection: ") + e.what());
+        logger_->write(liblog::info, "perform one retry");
+        attempt();
+    }
+    return ua_client_ != nullptr && session_active(ua_client_);
 }
 
 // Lines of a request go out on every scan: they are put together in one buffer that the

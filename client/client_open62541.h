@@ -33,6 +33,16 @@ struct endpoint_criteria {
     const UA_DataType* identity_type = nullptr;
 };
 
+// What the stack's log callback reaches: the client's log, and the lines of the client
+// operation under way. A request that times out makes the stack write hundreds of lines
+// while it waits; past a bound, an operation's further lines are counted, not written.
+struct stack_line_gate {
+    liblog::log_interface* log = nullptr;
+    unsigned lines = 0;
+    unsigned left_out = 0;
+    int depth = 0;
+};
+
 // A client_interface on one UA_Client of open62541. A session that is found gone is
 // never repaired: the whole UA_Client is replaced by a new one built from the settings.
 class client_open62541 final : public client_interface {
@@ -54,6 +64,7 @@ public:
     void read_node(const std::vector<std::shared_ptr<generic_node_interface>>& nodes) override;
     void add_logger(const std::shared_ptr<liblog::log_interface>& log, liblog::severity limit) override;
     void remove_logger(const std::shared_ptr<liblog::log_interface>& log) override;
+    bool test_connection() override;
 
     // "opc.tcp://" host ":" port "/" path; the "/" stays even with an empty path.
     static std::string build_url(const client_settings& settings);
@@ -79,7 +90,16 @@ private:
         ~endpoint_array();
     };
 
+    // Counts the stack's lines of one public operation; nested operations share it.
+    class operation;
     void open_session();
+    // Raises what a request's bad service result means: a lost connection (retried on a
+    // new UA_Client), or `failure` with the status name.
+    template <typename Failure>
+    [[noreturn]] void raise_for_service(UA_StatusCode status, bool session_codes_lost);
+    // A Read of the server's state, which every server has: proof that a session answers.
+    void ping();
+    std::uint32_t timeout_ms() const;
     UA_StatusCode request_endpoints(std::size_t& size, UA_EndpointDescription*& data);
     void read_once(const std::vector<std::shared_ptr<generic_node_interface>>& nodes);
     void write_once(const scalar_variable_node_open62541& node);
@@ -104,6 +124,14 @@ private:
     std::string endpoint_url_;
     std::shared_ptr<liblog::multiplex_logger> logger_;
     UA_Client* ua_client_ = nullptr;
+    stack_line_gate stack_lines_;
+    // The UA_Client's connection stayed silent past the timeout while the client's state
+    // still shows it open: the next connect replaces it.
+    bool discard_ = false;
+    bool discard_after_timeout_ = false;
+    // The UA_Client was built because its predecessor timed out, and has not answered
+    // since. If it times out too, the server is slow, not the path dead: it stays.
+    bool rebuilt_after_timeout_ = false;
 
     // One attribute of one node in a Read request. The caller's vector holds the node
     // for the length of the read.

@@ -12,8 +12,9 @@ void connection_check::work() {
     try {
         const client_settings key = create_client_settings(settings);
         auto client = get_cached_client(services, key, [this](const std::string& line) { log_debug(line); });
-        client->connect();
-        result.set_success((client->is_connected() & 1) != 0);
+        // One call for connecting and testing: the client may be shared, and another
+        // user's discovery may replace its connection at any moment.
+        result.set_success((client->test_connection() & 1) != 0);
     } catch (const std::exception& e) {
         // A failed check is reported only in the log; the result carries no text.
         log(e.what(), liblog::emergency);

@@ -141,21 +141,21 @@ TEST_F(ClientAgainstSim, GeneratedCertificateSessionLifeCycle) {
     EXPECT_EQ(count_starting(*log_, "Using ApplicationUri: "), 3u);
 }
 
-TEST_F(ClientAgainstSim, ClosedPortFailsAndEachConnectStartsOver) {
+// Each connect asks anew, and a server that answers nothing costs no UA_Client, whose
+// key in mode none would take a second of CPU every time.
+TEST_F(ClientAgainstSim, ClosedPortFailsEachTimeWithoutMakingAClient) {
     client_settings s = settings();
-    s.port = 1;     // nothing listens there
-    s.timeout = 1;  // a refused connection may be retried by the stack until the time-out
+    s.port = 1;  // nothing listens there
     auto client = make(s);
-    for (std::size_t attempt = 1; attempt <= 2; ++attempt) {
+    for (int attempt = 1; attempt <= 2; ++attempt) {
         try {
             client->connect();
             ADD_FAILURE() << "connect to a closed port succeeded";
         } catch (const opcua::exceptions::opcua_connection_failed& e) {
-            EXPECT_EQ(std::string(e.what()).rfind("The sensor could not connect to the OPC UA server (Bad", 0), 0u)
-                << e.what();
+            EXPECT_STREQ(e.what(), "The sensor could not connect to the OPC UA server (BadConnectionRejected).");
         }
         EXPECT_FALSE(client->is_connected());
-        EXPECT_EQ(count_starting(*log_, "Using ApplicationUri: "), attempt) << "a new UA_Client each time";
+        EXPECT_EQ(count_starting(*log_, "Using ApplicationUri: "), 0u);
     }
 }
 

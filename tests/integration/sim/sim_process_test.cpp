@@ -10,10 +10,6 @@
 #include <openssl/evp.h>
 #include <openssl/x509v3.h>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -22,53 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "support/sim_process.h"
+
 namespace {
 
-// The simulator as a child process with its standard output on a pipe.
-class sim_process {
-public:
-    explicit sim_process(std::vector<std::string> args) {
-        int fds[2];
-        if (pipe(fds) != 0) throw std::runtime_error("pipe");
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(fds[1], STDOUT_FILENO);
-            std::vector<char*> argv{const_cast<char*>(OPCUA_SIM_EXECUTABLE)};
-            for (auto& a : args) argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        out_ = fdopen(fds[0], "r");
-    }
-    ~sim_process() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        fclose(out_);
-    }
-
-    // The first line of output, without its end; "" if the process ends first.
-    std::string first_line() {
-        char line[256] = "";
-        return fgets(line, sizeof line, out_) ? std::string(line, std::strcspn(line, "\n")) : "";
-    }
-
-    // The exit status after SIGTERM.
-    int terminate() {
-        kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-private:
-    pid_t pid_ = -1;
-    FILE* out_ = nullptr;
-};
+using test_support::sim_process;
 
 // Local addresses, in /proc/net/tcp form, that listen on the port.
 std::vector<std::string> listening_addresses(int port) {
@@ -108,7 +62,7 @@ X509* server_certificate(const std::string& url) {
 TEST(SimProcess, ServesOnLoopbackWithTheAskedCertificateAndEndsOnSignal) {
     for (const auto& [days, bits] : std::vector<std::pair<int, int>>{{30, 1024}, {-3, 2048}}) {
         SCOPED_TRACE(std::to_string(days) + " days, " + std::to_string(bits) + " bits");
-        sim_process process({"--port", "0", "--endpoint", "none", "--cert-days", std::to_string(days), "--key-bits",
+        sim_process process(OPCUA_SIM_EXECUTABLE, {"--port", "0", "--endpoint", "none", "--cert-days", std::to_string(days), "--key-bits",
                              std::to_string(bits)});
         const std::string url = process.first_line();
         std::smatch match;
