@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -58,6 +59,13 @@ public:
 
     void signal(int number) { ::kill(pid_, number); }
 
+    // Stops the process and returns once it has stopped: a signal takes effect later.
+    void stop() {
+        ::kill(pid_, SIGSTOP);
+        for (int i = 0; i < 500 && state() != 'T'; ++i) ::usleep(2000);
+    }
+    void resume() { ::kill(pid_, SIGCONT); }
+
     // The exit status after SIGTERM, or 128 + the signal that ended it.
     int terminate() {
         ::kill(pid_, SIGTERM);
@@ -68,6 +76,20 @@ public:
     }
 
 private:
+    // The state letter of /proc/<pid>/stat, after the command's closing parenthesis.
+    char state() const {
+        char path[64];
+        std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid_));
+        FILE* f = std::fopen(path, "r");
+        if (f == nullptr) return '?';
+        char text[512] = "";
+        const std::size_t n = std::fread(text, 1, sizeof text - 1, f);
+        std::fclose(f);
+        text[n] = '\0';
+        const char* end = std::strrchr(text, ')');
+        return end != nullptr && end[1] == ' ' ? end[2] : '?';
+    }
+
     pid_t pid_ = -1;
     int out_ = -1;
 };

@@ -187,7 +187,7 @@ TEST_F(ConnectionLoss, AResetConnectionCostsNoScan) {
 TEST_F(ConnectionLoss, AHungServerFailsScansAndChecksWithoutBurningCpuAndTheFirstAfterIsGood) {
     ASSERT_EQ(host_->create_sensor(1, one_channel(port_)), 0);
     ASSERT_EQ(timed_scan(1).code, 0);
-    server_->signal(SIGSTOP);
+    server_->stop();
     for (int n = 0; n < 3; ++n) {
         SCOPED_TRACE(n);
         const outcome o = timed_scan(1);
@@ -199,7 +199,7 @@ TEST_F(ConnectionLoss, AHungServerFailsScansAndChecksWithoutBurningCpuAndTheFirs
         EXPECT_EQ(o.code, 3) << kind;
         expect_quiet_failure(o, kind);
     }
-    server_->signal(SIGCONT);
+    server_->resume();
     EXPECT_EQ(timed_scan(1).code, 0);
     EXPECT_EQ(timed_check("connection_check", port_).code, 0);
     EXPECT_EQ(timed_check("endpoint_validation_check", port_).code, 0);
