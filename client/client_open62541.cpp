@@ -101,7 +101,7 @@ bool session_active(UA_Client* client) {
 // The stack's own lines all go to the client's log at debug, whatever their level: they
 // are trace for whoever reads the sensor log, not findings of the sensor. Every line is
 // expanded, since no log can say whether it keeps it, so the expansion allocates
-// nothing: each thread keeps its line and its buffer from one line to the next.
+// nothing: the client keeps its line and its buffer from one line to the next.
 // The stack announces each read from a connection socket with this line, and reads right
 // after it. open62541 1.4 takes a read of 0 bytes, the peer's end of the connection, for
 // "try again later" when errno still holds EAGAIN from an earlier call: the socket stays
@@ -114,6 +114,13 @@ constexpr char receive_line[] = "TCP %u\t| Allocate receive buffer";
 constexpr unsigned max_stack_lines = 200;
 
 void write_stack_line(stack_line_gate& gate, const char* format, va_list args);
+
+// Copies `length` bytes into `line`, whose storage is kept from one line to the next.
+void set_line(std::string& line, const char* text, std::size_t length) {
+    if (length > line.size()) line.resize(length);
+    std::memcpy(line.data(), text, length);
+    line.resize(length);
+}
 
 void forward_stack_line(void* context, UA_LogLevel, UA_LogCategory, const char* format, va_list args) {
     // Our writing must not change what the stack finds in errno after its log call.
@@ -129,51 +136,34 @@ void write_stack_line(stack_line_gate& gate, const char* format, va_list args) {
         return;
     }
     ++gate.lines;
-    liblog::log_interface* log = gate.log;
+    // The gate's buffers serve one line after the other: the stack logs only inside the
+    // client's calls, which hold the client's mutex.
     static constexpr char prefix[] = "OPC UA Client: ";
     constexpr std::size_t prefix_length = sizeof prefix - 1;
-    struct line_buffer {
-        char text[1024];
-        std::string line;
-        bool in_use = false;
-        line_buffer() {
-            std::memcpy(text, prefix, prefix_length);
-            line.reserve(sizeof text);
-        }
-    };
-    thread_local line_buffer own;
-    // A log that makes the stack write a line of its own finds the buffer taken.
-    line_buffer* buffer = &own;
-    std::unique_ptr<line_buffer> nested;
-    if (own.in_use) {
-        nested = std::make_unique<line_buffer>();
-        buffer = nested.get();
+    char* const text = gate.text;
+    if (gate.line.capacity() < sizeof gate.text) {
+        std::memcpy(text, prefix, prefix_length);
+        gate.line.reserve(sizeof gate.text);
     }
-    buffer->in_use = true;
-    struct release {
-        line_buffer* b;
-        ~release() { b->in_use = false; }
-    } guard{buffer};
-
-    constexpr std::size_t room = sizeof buffer->text - prefix_length;
-    int length = format_stack_line(buffer->text + prefix_length, room, format, args);
+    constexpr std::size_t room = sizeof gate.text - prefix_length;
+    int length = format_stack_line(text + prefix_length, room, format, args);
     if (length < 0) {
         va_list first;
         va_copy(first, args);
-        length = std::vsnprintf(buffer->text + prefix_length, room, format, first);
+        length = std::vsnprintf(text + prefix_length, room, format, first);
         va_end(first);
     }
     if (length < 0) return;
     const auto expanded = static_cast<std::size_t>(length);
     // The terminating zero of the expansion stays part of the line.
     if (expanded < room) {
-        buffer->line.assign(buffer->text, prefix_length + expanded + 1);
+        set_line(gate.line, text, prefix_length + expanded + 1);
     } else {
-        buffer->line.assign(prefix_length + expanded + 1, '\0');
-        std::memcpy(buffer->line.data(), prefix, prefix_length);
-        std::vsnprintf(buffer->line.data() + prefix_length, expanded + 1, format, args);
+        gate.line.assign(prefix_length + expanded + 1, '\0');
+        std::memcpy(gate.line.data(), prefix, prefix_length);
+        std::vsnprintf(gate.line.data() + prefix_length, expanded + 1, format, args);
     }
-    log->write(liblog::debug, buffer->line);
+    gate.log->write(liblog::debug, gate.line);
 }
 
 // Zeroes a buffer that held secret material before it is released; explicit_bzero is
@@ -876,16 +866,24 @@ bool client_open62541::test_connection() {
 // Lines of a request go out on every scan: they are put together in one buffer that the
 // client keeps, under its mutex, rather than in new strings.
 void client_open62541::trace_line(const char* a, std::uint64_t n, const char* b, std::uint64_t m, const char* c) {
-    std::string& line = trace_line_;
-    line.assign(a);
-    char digits[24];
-    line.append(digits, std::to_chars(digits, digits + sizeof digits, n).ptr);
-    line.append(b);
+    // Short texts and two numbers: put together on the stack, copied into the line once.
+    char text[160];
+    char* const end = text + sizeof text;
+    char* out = text;
+    auto put = [&](const char* part) {
+        const std::size_t length = std::min(std::strlen(part), static_cast<std::size_t>(end - out));
+        std::memcpy(out, part, length);
+        out += length;
+    };
+    put(a);
+    out = std::to_chars(out, end, n).ptr;
+    put(b);
     if (*c != '\0') {
-        line.append(digits, std::to_chars(digits, digits + sizeof digits, m).ptr);
-        line.append(c);
+        out = std::to_chars(out, end, m).ptr;
+        put(c);
     }
-    logger_->write(liblog::debug, line);
+    set_line(trace_line_, text, static_cast<std::size_t>(out - text));
+    logger_->write(liblog::debug, trace_line_);
 }
 
 void client_open62541::add_logger(const std::shared_ptr<liblog::log_interface>& log, liblog::severity limit) {

@@ -41,6 +41,9 @@ struct stack_line_gate {
     unsigned lines = 0;
     unsigned left_out = 0;
     int depth = 0;
+    // Where a line is expanded, and the line handed to the log.
+    char text[1024];
+    std::string line;
 };
 
 // A client_interface on one UA_Client of open62541. A session that is found gone is

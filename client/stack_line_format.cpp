@@ -11,8 +11,7 @@ namespace {
 bool put(char*& out, char* end, const char* text, std::size_t length, std::size_t width, char pad) {
     const std::size_t fill = width > length ? width - length : 0;
     if (static_cast<std::size_t>(end - out) < fill + length) return false;
-    std::memset(out, pad, fill);
-    out += fill;
+    for (std::size_t i = 0; i < fill; ++i) *out++ = pad;
     std::memcpy(out, text, length);
     out += length;
     return true;

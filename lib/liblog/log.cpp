@@ -33,7 +33,7 @@ void memory_logger::clear() {
 void multiplex_logger::add(const std::shared_ptr<log_interface>& logger, severity limit) {
     if (!logger) return;
     std::lock_guard<std::mutex> lock(mutex_);
-    children_[logger] = limit;
+    children_[logger] = child{limit, null_logger::is_instance(logger.get())};
 }
 
 void multiplex_logger::remove(const std::shared_ptr<log_interface>& logger) {
@@ -49,12 +49,16 @@ std::size_t multiplex_logger::size() const {
 void multiplex_logger::write(severity level, const std::string& text) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto it = children_.begin(); it != children_.end();) {
-        auto child = it->first.lock();
-        if (!child) {
+        if (it->second.discards) {
+            ++it;
+            continue;
+        }
+        auto sink = it->first.lock();
+        if (!sink) {
             it = children_.erase(it);
             continue;
         }
-        if (static_cast<int>(it->second) >= static_cast<int>(level)) child->write(level, text);
+        if (static_cast<int>(it->second.limit) >= static_cast<int>(level)) sink->write(level, text);
         ++it;
     }
 }

@@ -63,8 +63,14 @@ public:
     void write(severity level, const std::string& text) override;
 
 private:
+    struct child {
+        severity limit;
+        // The process-wide null logger: it keeps nothing and lives as long as the module,
+        // so a line need not reach it.
+        bool discards;
+    };
     mutable std::mutex mutex_;
-    std::map<std::weak_ptr<log_interface>, severity, std::owner_less<std::weak_ptr<log_interface>>> children_;
+    std::map<std::weak_ptr<log_interface>, child, std::owner_less<std::weak_ptr<log_interface>>> children_;
 };
 
 }  // namespace brenholt::monitoring_modules::liblog

@@ -1,8 +1,11 @@
 #include "libvurohelper/messaging.h"
 
+#include <cstring>
+
 #include <nlohmann/json.hpp>
 
 #include "libvurohelper/exceptions.h"
+#include "libvurohelper/proto_writer.h"
 #include "libvurohelper/sensitive.h"
 #include "vuro.pb.h"
 
@@ -14,15 +17,19 @@ vuro_message::~vuro_message() = default;
 
 bytes vuro_message::serialize() const { return wrap(type(), payload()); }
 
+// The Envelope written field by field, as protobuf writes it: a message goes out at every
+// scan, and the generated code would copy the payload into a message object first.
 bytes wrap(message_type type, const std::string& payload) {
-    brenholt::vuro::wire::Envelope envelope;
-    envelope.set_type(static_cast<brenholt::vuro::wire::MessageType>(type));
-    envelope.set_payload(payload);
-    const std::size_t size = envelope.ByteSizeLong();
+    char head[2 * detail::proto_writer::max_number_field];
+    detail::proto_writer w(head);
+    w.int_field(1, static_cast<int>(type));
+    if (!payload.empty()) w.message_head(2, payload.size());
+    const auto head_size = static_cast<std::size_t>(w.position() - head);
+    const std::size_t size = head_size + payload.size();
     if (size > max_message_size) throw ex::message_too_long(std::to_string(size), std::to_string(max_message_size));
     bytes out(size);
-    if (size != 0 && !envelope.SerializeToArray(out.data(), static_cast<int>(size)))
-        throw ex::message_serialization_failed();
+    std::memcpy(out.data(), head, head_size);
+    if (!payload.empty()) std::memcpy(out.data() + head_size, payload.data(), payload.size());
     return out;
 }
 

@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <cstddef>
-
-#include <google/protobuf/arena.h>
+#include <cstring>
 
 #include "libvurohelper/channels.h"
 #include "libvurohelper/exceptions.h"
+#include "libvurohelper/proto_writer.h"
 #include "vuro.pb.h"
 
 namespace brenholt::monitoring_modules::libvurohelper {
@@ -120,10 +120,64 @@ void sensor_scan_result::check_channel(int channel_id, bool is_float) const {
 // Room for a sensor's usual count at the first value, instead of growing step by step.
 constexpr std::size_t usual_channel_count = 12;
 
+namespace {
+
+// The blocks of channel values a thread has given back, for its next results: a scan
+// makes a value per channel and drops them all as soon as its result is sent. A block
+// given back on another thread joins that thread's list. One list per block type.
+template <typename T>
+struct value_blocks {
+    static constexpr std::size_t kept = 64;
+    std::size_t size = 0;
+    void* free[kept];
+    ~value_blocks() {
+        for (std::size_t i = 0; i < size; ++i) ::operator delete(free[i]);
+        gone() = true;
+    }
+    // Set once the thread's list is destroyed, while the thread's last values may still go.
+    static bool& gone() {
+        static thread_local bool flag = false;
+        return flag;
+    }
+    static value_blocks* of_thread() {
+        static thread_local value_blocks list;
+        return gone() ? nullptr : &list;
+    }
+};
+
+template <typename T>
+struct value_allocator {
+    using value_type = T;
+    value_allocator() = default;
+    template <typename U>
+    value_allocator(const value_allocator<U>&) {}
+    T* allocate(std::size_t n) {
+        value_blocks<T>* blocks = n == 1 ? value_blocks<T>::of_thread() : nullptr;
+        if (blocks != nullptr && blocks->size > 0) return static_cast<T*>(blocks->free[--blocks->size]);
+        return static_cast<T*>(::operator new(n * sizeof(T)));
+    }
+    void deallocate(T* p, std::size_t n) {
+        value_blocks<T>* blocks = n == 1 ? value_blocks<T>::of_thread() : nullptr;
+        if (blocks != nullptr && blocks->size < value_blocks<T>::kept) {
+            blocks->free[blocks->size++] = p;
+            return;
+        }
+        ::operator delete(p);
+    }
+    template <typename U>
+    bool operator==(const value_allocator<U>&) const { return true; }
+    template <typename U>
+    bool operator!=(const value_allocator<U>&) const { return false; }
+};
+
+std::shared_ptr<channel_value> new_value() { return std::allocate_shared<channel_value>(value_allocator<channel_value>()); }
+
+}  // namespace
+
 sensor_scan_result& sensor_scan_result::set_value(int channel_id, double value) {
     check_channel(channel_id, true);
     if (channels_.empty()) channels_.reserve(usual_channel_count);
-    auto v = std::make_shared<channel_value>();
+    auto v = new_value();
     v->channel_id = channel_id;
     v->is_float = true;
     v->floating = value;
@@ -134,7 +188,7 @@ sensor_scan_result& sensor_scan_result::set_value(int channel_id, double value) 
 sensor_scan_result& sensor_scan_result::set_value(int channel_id, long value) {
     check_channel(channel_id, false);
     if (channels_.empty()) channels_.reserve(usual_channel_count);
-    auto v = std::make_shared<channel_value>();
+    auto v = new_value();
     v->channel_id = channel_id;
     v->integer = value;
     channels_.push_back(std::move(v));
@@ -144,30 +198,41 @@ sensor_scan_result& sensor_scan_result::set_value(int channel_id, long value) {
 messaging::message_type sensor_scan_result::type() const { return messaging::message_type::sensor_scan_result; }
 
 std::string sensor_scan_result::payload() const {
-    // A result is made at every scan: its message and the channel records come out of a
-    // block on the stack instead of one allocation each.
-    alignas(std::max_align_t) char block[2048];
-    google::protobuf::ArenaOptions options;
-    options.initial_block = block;
-    options.initial_block_size = sizeof block;
-    google::protobuf::Arena arena(options);
-    auto& m = *google::protobuf::Arena::CreateMessage<brenholt::vuro::wire::SensorScanResult>(&arena);
-    m.mutable_channels()->Reserve(static_cast<int>(channels_.size()));
-    m.set_sensor_id(sensor_id_);
-    m.mutable_message()->set_key(message_.key);
-    m.mutable_message()->set_text(message_.text);
-    m.set_error_code(error_code_);
-    m.set_response_code(response_code_);
-    m.set_created_unix_ms(created_unix_ms_);
-    for (const auto& v : channels_) {
-        auto* c = m.add_channels();
-        c->set_channel_id(v->channel_id);
-        if (v->is_float)
-            c->set_floating(v->floating);
-        else
-            c->set_integer(v->integer);
+    // Written by hand: a result goes out at every scan, and protobuf's generated code
+    // builds a message object and a record per channel first.
+    using w_t = detail::proto_writer;
+    const std::size_t message_size = w_t::string_field_size(message_.key) + w_t::string_field_size(message_.text);
+    // A channel: its number, one value, and a head of two bytes (it is under 128 long).
+    constexpr std::size_t max_channel = 2 + 2 * w_t::max_number_field;
+    std::string out(4 * w_t::max_number_field + w_t::max_tag + w_t::max_varint + message_size +
+                        max_channel * channels_.size(),
+                    '\0');
+    w_t w(out.data());
+    w.int_field(1, sensor_id_);
+    if (message_size != 0) {
+        w.message_head(2, message_size);
+        w.string_field(1, message_.key);
+        w.string_field(2, message_.text);
     }
-    return m.SerializeAsString();
+    w.int_field(3, error_code_);
+    w.int_field(4, response_code_);
+    for (const auto& v : channels_) {
+        char channel[max_channel];
+        w_t c(channel);
+        c.int_field(1, v->channel_id);
+        // A member of a oneof is written even at its default.
+        if (v->is_float)
+            c.double_field(3, v->floating, true);
+        else
+            c.int_field(2, v->integer, true);
+        const auto size = static_cast<std::size_t>(c.position() - channel);
+        w.message_head(5, size);
+        std::memcpy(w.position(), channel, size);
+        w = w_t(w.position() + size);
+    }
+    w.int_field(6, created_unix_ms_);
+    out.resize(static_cast<std::size_t>(w.position() - out.data()));
+    return out;
 }
 
 check_result::check_result(int check_id) : check_id_(check_id) {}
