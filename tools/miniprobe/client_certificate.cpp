@@ -59,7 +59,8 @@ std::vector<std::string> certificate_lacks(const std::string& pem) {
         lacks.push_back("data encipherment in its key usage");
 
     bool has_uri = false;
-    auto* names = static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate.get(), NID_subject_alt_name, nullptr, nullptr));
+    auto* names =
+        static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate.get(), NID_subject_alt_name, nullptr, nullptr));
     for (int i = 0; names != nullptr && i < sk_GENERAL_NAME_num(names); ++i)
         has_uri = has_uri || sk_GENERAL_NAME_value(names, i)->type == GEN_URI;
     GENERAL_NAMES_free(names);

@@ -171,7 +171,8 @@ public:
     void failure(int sensor_id, const std::string& what, const std::vector<std::string>& why, double retry_in) {
         if (json_) {
             if (retry_in < 0) return;
-            nlohmann::ordered_json line{{"event", "retry"}, {"function", "CreateSensorInstance"}, {"in_seconds", retry_in}};
+            nlohmann::ordered_json line{
+                {"event", "retry"}, {"function", "CreateSensorInstance"}, {"in_seconds", retry_in}};
             std::cout << line.dump() << std::endl;
             return;
         }
@@ -479,8 +480,9 @@ int run_check_or_sensor(miniprobe::probe_host& host, printer& out, const options
             passed = passed && code == 0;
             const auto lines = logged.take();
             out.log_lines(lines);
-            out.check_result(rs.id, passed,
-                             passed ? std::vector<std::string>{} : miniprobe::reasons(lines, no_reason("ExecuteCheck", code)));
+            std::vector<std::string> why;
+            if (!passed) why = miniprobe::reasons(lines, no_reason("ExecuteCheck", code));
+            out.check_result(rs.id, passed, why);
             if (!passed) worsen(status, failed);
         } else {
             bool created = false;
@@ -500,9 +502,9 @@ int run_check_or_sensor(miniprobe::probe_host& host, printer& out, const options
                     created = code == 0;
                     if (!created) {
                         worsen(status, failed);
-                        out.failure(rs.id, "creation failed",
-                                    miniprobe::reasons(lines, result.empty() ? no_reason("CreateSensorInstance", code) : result),
-                                    again ? rs.interval : -1);
+                        const std::string fallback = result.empty() ? no_reason("CreateSensorInstance", code) : result;
+                        const auto why = miniprobe::reasons(lines, fallback);
+                        out.failure(rs.id, "creation failed", why, again ? rs.interval : -1);
                         continue;
                     }
                 }
@@ -513,7 +515,8 @@ int run_check_or_sensor(miniprobe::probe_host& host, printer& out, const options
                 out.log_lines(lines);
                 if (code != 0) {
                     worsen(status, failed);
-                    out.failure(rs.id, "scan failed", miniprobe::reasons(lines, no_reason("ExecuteSensorScan", code)), -1);
+                    const auto why = miniprobe::reasons(lines, no_reason("ExecuteSensorScan", code));
+                    out.failure(rs.id, "scan failed", why, -1);
                 }
             }
             if (created && report(out, "DestroySensorInstance", host.destroy(rs.id)) != 0) worsen(status, failed);

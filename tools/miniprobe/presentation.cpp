@@ -127,17 +127,19 @@ channel_state limit_state(const channel_view& channel, double v) {
 
 }  // namespace
 
-shown_channel_value shown_value(const ordered_json& definition, const ordered_json& value, const channel_view& channel) {
+shown_channel_value shown_value(const ordered_json& definition, const ordered_json& value,
+                                const channel_view& channel) {
     const bool floating = value.contains("floating");
     // Protobuf's JSON gives 64-bit integers as text.
     const std::string raw = floating ? value.at("floating").dump() : value.value("integer", std::string("?"));
+    if (!floating && raw == "?") return {raw, channel_state::none};
+    const double number = floating ? value.at("floating").get<double>() : std::strtod(raw.c_str(), nullptr);
     if (!channel.lookup.empty()) {
-        const long long key = floating ? static_cast<long long>(value.at("floating").get<double>()) : std::atoll(raw.c_str());
+        const long long key = floating ? static_cast<long long>(number) : std::atoll(raw.c_str());
         return {raw + " (" + english(definition, "lookup." + channel.lookup + "." + raw) + ")",
                 lookup_state(definition, channel.lookup, key)};
     }
-    if (!floating && raw == "?") return {raw, channel_state::none};
-    const double scaled = (floating ? value.at("floating").get<double>() : std::strtod(raw.c_str(), nullptr)) * channel.scale;
+    const double scaled = number * channel.scale;
     const std::string text = channel.scale == 1.0 ? raw : number_text(scaled);
     return {channel.unit.empty() ? text : text + " " + channel.unit, limit_state(channel, scaled)};
 }

@@ -30,7 +30,8 @@ std::string listed(const std::vector<std::string>& values, const char* last_word
     const std::string quote = quoted ? "\"" : "";
     std::string out;
     for (std::size_t i = 0; i < values.size(); ++i)
-        out += (i == 0 ? "" : i + 1 == values.size() ? std::string(" ") + last_word + " " : ", ") + quote + values[i] + quote;
+        out += (i == 0 ? "" : i + 1 == values.size() ? std::string(" ") + last_word + " " : ", ") + quote + values[i] +
+               quote;
     return out;
 }
 
@@ -38,7 +39,8 @@ std::string listed(const std::vector<std::string>& values, const char* last_word
 std::string shown(const setting_info* setting, const std::string& key, const std::string& value,
                   const std::map<std::string, std::string>& files) {
     if (const auto file = files.find(key); file != files.end()) return "@" + file->second;
-    if (setting != nullptr && setting->secret) return "(secret of " + std::to_string(display_width(value)) + " characters)";
+    if (setting != nullptr && setting->secret)
+        return "(secret of " + std::to_string(display_width(value)) + " characters)";
     std::string text = value.substr(0, value.find('\n'));
     if (display_width(text) > 40) {
         std::size_t cut = 0;
@@ -148,7 +150,8 @@ std::map<std::string, std::string> read_value_files(const std::vector<setting_in
         if (!in) throw std::invalid_argument(key + "=@" + file + ": cannot read " + file + ": " + std::strerror(errno));
         std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         if (in.bad()) throw std::invalid_argument(key + "=@" + file + ": cannot read " + file);
-        const auto setting = std::find_if(settings.begin(), settings.end(), [&](const auto& s) { return s.key == key; });
+        const auto setting =
+            std::find_if(settings.begin(), settings.end(), [&key](const auto& s) { return s.key == key; });
         const bool multiline = setting != settings.end() && setting->limits.value("Multiline", false);
         if (!multiline) {
             if (!content.empty() && content.back() == '\n') content.pop_back();

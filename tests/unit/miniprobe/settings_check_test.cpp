@@ -64,7 +64,8 @@ const std::vector<verdict_case> cases = {
     {"a setting of another sensor is no setting of a check", "connection_check", {nodeid1},
      {channel + "1_nodeid: connection_check has no such setting"}, {}, {}},
     {"a secret is never shown, only its length", "connection_check",
-     {auth + "=username_password", user + "=operator", password + "=two\nlines"}, {password + "=(secret of 9 characters)"},
+     {auth + "=username_password", user + "=operator", password + "=two\nlines"},
+     {password + "=(secret of 9 characters)"},
      {"takes one line"}, {}},
     {"the custom sensor needs its first node", "custom_sensor", {}, {channel + "1_nodeid=\"\""},
      {"Channel #1 NodeID is required"}, {}},
@@ -87,7 +88,8 @@ const std::vector<verdict_case> cases = {
      {nodeid1, channel + "2=enable", channel + "2_nodeid=ns=2;i=1", channel + "2_settings=manual"},
      {channel + "2_name=\"\": Channel #2 Name is required while " + channel + "2_settings is \"manual\""}, {}, {}},
     {"every refusal at once, in the definition's order", "custom_sensor",
-     {channel + "1_scale_factor=x", port + "=abc"}, {port + "=\"abc\"", channel + "1_scale_factor=\"x\"", channel + "1_nodeid"},
+     {channel + "1_scale_factor=x", port + "=abc"},
+     {port + "=\"abc\"", channel + "1_scale_factor=\"x\"", channel + "1_nodeid"},
      {}, {}},
     {"credentials without their method are not used", "connection_check", {user + "=operator", password + "=secret"},
      {}, {}, {user + " and " + password + " are set but not used", "only when " + auth + " is \"username_password\"",
@@ -118,7 +120,8 @@ TEST(MiniprobeSettings, JudgedByTheDefinitionsRules) {
         EXPECT_EQ(all.find("two\nlines"), std::string::npos);
 
         ASSERT_EQ(verdict.unused.size(), c.unused.empty() ? 0u : 1u) << ::testing::PrintToString(verdict.unused);
-        for (const auto& piece : c.unused) EXPECT_NE(verdict.unused[0].find(piece), std::string::npos) << verdict.unused[0];
+        for (const auto& piece : c.unused)
+            EXPECT_NE(verdict.unused[0].find(piece), std::string::npos) << verdict.unused[0];
     }
 }
 
