@@ -108,7 +108,7 @@ const char* dispatcher_code_text(int code);
 // When the module logged nothing and sent no result: what the call's return code says.
 std::string no_reason(const char* function, int code) {
     return std::string(function) + " returned " + std::to_string(code) + ": " + dispatcher_code_text(code) +
-           (code == 0 ? "" : ", and the module logged no reason (miniprobe --log-dir DIR keeps its full log in DIR)");
+           (code == 0 ? "" : "; no reason was logged (miniprobe --log-dir DIR keeps the module's full log in DIR)");
 }
 
 class printer {
