@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs everything the build, the tests and the demo need. Idempotent, no prompts:
-# a second run only checks. Says what it does before each step that changes anything.
-# open62541 1.4 comes from the next Debian release; the rest of the system stays on
-# the current one. The interoperability suite runs on its own node, fetched from npm
-# into tests/interop/node, because node-opcua needs a newer node than Debian 12 has
-# and the system's own node is left alone.
+# Installs everything the tests need: first what the build needs (scripts/setup-build-deps.sh),
+# then GoogleTest and GoogleMock, Google Benchmark, clang 14 with its runtime libraries
+# (the fuzz targets), and npm when the machine has none. The interoperability suite runs
+# on its own node, fetched from npm into tests/interop/node, because node-opcua needs a
+# newer node than Debian 12 has and the system's own node is left alone. Idempotent, no
+# prompts: a second run only checks. Says what it does before each step that changes
+# anything.
 set -euo pipefail
 
 if [ "$(id -u)" -ne 0 ]; then
@@ -17,34 +18,9 @@ export DEBIAN_FRONTEND=noninteractive
 root=$(cd "$(dirname "$0")/.." && pwd)
 step() { echo "$*"; }
 
-src=/etc/apt/sources.list.d/debian.sources
-trixie=/etc/apt/sources.list.d/opcua-trixie.sources
-pin=/etc/apt/preferences.d/opcua-trixie
+bash "$root/scripts/setup-build-deps.sh"
 
-if [ ! -f "$trixie" ]; then
-  if [ ! -f "$src" ]; then
-    echo "no $src to derive the trixie entry from" >&2
-    exit 1
-  fi
-  step "apt: adding trixie (for open62541 1.4 only) to the package sources"
-  # First stanza of the existing entry, with the suite swapped.
-  awk 'BEGIN{s=0} /^[[:space:]]*$/{if(s) exit; next} {s=1; print}' "$src" \
-    | sed -E 's/^Suites:.*/Suites: trixie/' > "$trixie.tmp"
-  grep -q '^Suites: trixie$' "$trixie.tmp" || { echo "could not derive trixie entry" >&2; rm -f "$trixie.tmp"; exit 1; }
-  mv "$trixie.tmp" "$trixie"
-fi
-
-if [ ! -f "$pin" ]; then
-  cat > "$pin" <<'PIN'
-Package: *
-Pin: release n=trixie
-Pin-Priority: 100
-PIN
-fi
-
-pkgs=(build-essential cmake pkg-config python3 libssl-dev openssl libprotobuf-dev protobuf-compiler
-      nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev binutils
-      clang libclang-rt-14-dev)
+pkgs=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
 # npm only fetches the suite's own node and node-opcua, so any npm will do; Debian 12's
 # (with its node 18) when there is none.
 command -v npm >/dev/null 2>&1 || pkgs+=(npm)
@@ -53,17 +29,11 @@ missing=()
 for p in "${pkgs[@]}"; do
   installed "$p" || missing+=("$p")
 done
-if [ "${#missing[@]}" -gt 0 ] || ! installed libopen62541-1.4-dev; then
+if [ "${#missing[@]}" -gt 0 ]; then
   step "apt: updating package lists"
   apt-get update -qq
-  if [ "${#missing[@]}" -gt 0 ]; then
-    step "apt: installing ${missing[*]}"
-    apt-get install -y -qq --no-install-recommends "${missing[@]}"
-  fi
-  if ! installed libopen62541-1.4-dev; then
-    step "apt: installing libopen62541-1.4-dev from trixie"
-    apt-get install -y -qq --no-install-recommends -t trixie libopen62541-1.4-dev
-  fi
+  step "apt: installing the tests' tools: ${missing[*]}"
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
 # Each npm package in the tree is installed from its lock file, which names no registry.
@@ -105,4 +75,4 @@ if [ "$(cat "$stamp" 2>/dev/null || true)" != "$want_stamp" ]; then
   (cd "$interop" && npm_with_our_node ci --engine-strict --no-audit --no-fund)
   echo "$want_stamp" > "$stamp"
 fi
-echo "dependencies ready"
+echo "test dependencies ready"

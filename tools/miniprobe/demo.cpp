@@ -13,6 +13,7 @@
 #include "opcua_sim/diagnostics.h"
 #include "opcua_sim/server.h"
 #include "opcua_sim/certificate.h"
+#include "failure_lines.h"
 #include "presentation.h"
 #include "sensor_data_builder.h"
 
@@ -30,16 +31,15 @@ struct check_step {
     bool expected;
 };
 
-// Lines reach the reader in the order they were written, also when stdout is a file.
-std::ostream& flushed(std::ostream& out) { return out << std::flush; }
-
 // One scan of a sensor: what the simulator's operator changes before it, and what the
-// scan must answer for the step to count as expected.
+// scan must answer for the step to count as expected, down to the worst state of its
+// values by their channels' limits and lookups.
 struct scan_step {
     std::string title;
     std::function<void()> before;
     int response_code;
     std::size_t values;
+    channel_state worst = channel_state::ok;
 };
 
 struct sensor_run {
@@ -89,15 +89,17 @@ int run_sensor(probe_host& host, const ordered_json& definition, const sensor_ru
             answered = true;
             const int response = m.body.value("response_code", 0);
             const auto& values = m.body.at("channels");
-            const bool as_expected = code == 0 && response == step.response_code && values.size() == step.values;
+            auto worst = channel_state::none;
+            const std::string lines = value_lines(definition, channels, values, "    ", false, &worst);
+            const bool as_expected =
+                code == 0 && response == step.response_code && values.size() == step.values && worst == step.worst;
             unexpected += !as_expected;
             out << "  " << step.title << ": response code " << response << " (" << response_code_text(response)
                 << "), message \"" << m.body.at("message").value("text", "") << "\""
                 << (as_expected ? "" : "   <-- unexpected") << "\n";
             if (defined > 0) out << "    (" << defined << " channels defined by this scan)\n";
-            out << value_lines(definition, channels, values, "    ", false);
+            out << lines;
         }
-        flushed(out);
         if (!answered) {
             out << "  " << step.title << ": no result, ExecuteSensorScan returned " << code << "   <-- unexpected\n";
             ++unexpected;
@@ -115,18 +117,20 @@ sensor_run custom_sensor_run(opcua_sim::server& server) {
         const char* node;
         const char* unit;
         const char* name;  // empty: the node's own display name
+        const char* scale;
     };
     const std::vector<demo_channel> channels = {
-        {"ns=2;s=Double", "bar", "Line pressure"},
-        {"ns=2;s=Int32", "", ""},
-        {"ns=2;s=Boolean", "", "Pump running"},
-        {"'ns=2;s=Int32Array'[2]", "pcs", "Batch count (array element 2)"},
-        {"ns=2;s=StringNumber", "kg", "Load (parsed from text)"},
-        {"ns=2;s=Changeable", "rpm", "Spindle speed"},
+        {"ns=2;s=Double", "mbar", "Line pressure (read in bar)", "1000"},
+        {"ns=2;s=Int32", "", "", "1"},
+        {"ns=2;s=Boolean", "", "Pump running", "1"},
+        {"'ns=2;s=Int32Array'[2]", "pcs", "Batch count (array element 2)", "1"},
+        {"ns=2;s=StringNumber", "kg", "Load (parsed from text)", "1"},
+        {"ns=2;s=Changeable", "rpm", "Spindle speed", "1"},
     };
     sensor_run run{"Custom sensor with " + std::to_string(channels.size()) + " channels",
                    "response code 0 at every scan, the message read from ns=2;s=SensorMessage, values with "
-                   "the units set for them, the spindle 250 rpm faster at each scan",
+                   "the units set for them, the line pressure in mbar by its scale factor of 1000, the pump's "
+                   "lookup True (ok), the spindle 250 rpm faster at each scan",
                    "custom_sensor",
                    {{"credentials.connection_opcua.port", std::to_string(server.port())},
                     {"custom.sensor_message_custom.nodeid", "ns=2;s=SensorMessage"}},
@@ -136,6 +140,7 @@ sensor_run custom_sensor_run(opcua_sim::server& server) {
         if (i > 0) run.overrides.push_back({key, "enable"});
         run.overrides.push_back({key + "_nodeid", channels[i].node});
         run.overrides.push_back({key + "_unit", channels[i].unit});
+        run.overrides.push_back({key + "_scale_factor", channels[i].scale});
         if (*channels[i].name) {
             run.overrides.push_back({key + "_settings", "manual"});
             run.overrides.push_back({key + "_name", channels[i].name});
@@ -167,12 +172,13 @@ sensor_run server_status_run(opcua_sim::server& server) {
              {"diagnostics taken back", diagnostics(false), 1, 2}}};
 }
 
-sensor_run certificate_run(const opcua_sim::server& server, const std::string& title, const std::string& expected) {
+sensor_run certificate_run(const opcua_sim::server& server, const std::string& title, const std::string& expected,
+                           channel_state worst = channel_state::ok) {
     return {title,
             expected,
             "certificate_sensor",
             {{"credentials.connection_opcua.port", std::to_string(server.port())}},
-            {{"scan", nullptr, 0, 3}}};
+            {{"scan", nullptr, 0, 3, worst}}};
 }
 
 // A Beckhoff IPC whose RAID controller goes offline between two scans.
@@ -187,14 +193,16 @@ sensor_run beckhoff_run(opcua_sim::server& ipc, opcua_sim::beckhoff_status& stat
     return {"Beckhoff IPC System Health against a second opcua-sim (" + ipc.endpoint_url() + ")",
             "response code 0 at both scans; once the RAID controller is offline its reason is the "
             "sensor's message: an error text with response code 0 is the sensor's message, not a failure, "
-            "and the RAID channel's lookup (Offline) carries the alarm",
+            "and the RAID channel's lookup (Offline) carries the alarm as a warning",
             "beckhoff_ipc_system_status_sensor",
             {{"credentials.connection_opcua.port", std::to_string(ipc.port())}},
-            {{"RAID controller good", raid(1, 0), 0, 6}, {"RAID controller offline, bus degraded", raid(3, 2), 0, 6}}};
+            {{"RAID controller good", raid(1, 0), 0, 6},
+             {"RAID controller offline, bus degraded", raid(3, 2), 0, 6, channel_state::warning}}};
 }
 
 int run_checks(probe_host& host, const ordered_json& definition, const std::string& title,
-               const std::string& expected, const std::vector<check_step>& steps, int& id, std::ostream& out) {
+               const std::string& expected, const std::vector<check_step>& steps, int& id, std::ostream& out,
+               failure_lines& logged) {
     out << title << ":\n  Expected: " << expected << "\n";
     std::size_t width = 0;
     for (const auto& step : steps) width = std::max(width, step.title.size());
@@ -204,6 +212,7 @@ int run_checks(probe_host& host, const ordered_json& definition, const std::stri
         request.name = step.check;
         request.is_check = true;
         request.overrides = step.overrides;
+        logged.take();
         const int code = host.check(id++, build_sensor_data(definition, request));
         bool success = false;
         for (const auto& m : host.take_messages())
@@ -212,7 +221,9 @@ int run_checks(probe_host& host, const ordered_json& definition, const std::stri
         unexpected += !as_expected;
         out << "  " << std::left << std::setw(static_cast<int>(width) + 2) << step.title
             << (success ? "passed" : "failed") << (as_expected ? "" : "   <-- unexpected") << "\n";
-        flushed(out);
+        // A failed check shows the module's reason, as a probe does.
+        if (!success)
+            for (const auto& why : reasons(logged.take(), "")) out << "    " << why << "\n";
     }
     return unexpected;
 }
@@ -264,6 +275,16 @@ std::vector<check_step> strict_checks(const std::string& port) {
 }  // namespace
 
 int run_demo(probe_host& host, std::ostream& out, const std::string& log_dir) {
+    // Every line reaches the reader as it is written, also through a pipe: a section's
+    // heading shows what is running while its servers and sensors work.
+    struct unit_buffered {
+        std::ostream& out;
+        std::ios::fmtflags before = out.flags();
+        ~unit_buffered() { out.flags(before); }
+    } restore{out};
+    out << std::unitbuf;
+    out << "Starting three opcua-sim servers on free loopback ports (a plant server, a Beckhoff IPC, "
+           "a server that trusts no client certificate)\n";
     // The simulators' own log would land between the demo's lines: into files, or off.
     auto log_file = [&log_dir](const std::string& name) {
         return log_dir.empty() ? std::string("/dev/null") : log_dir + "/opcua-sim-" + name + ".log";
@@ -304,7 +325,6 @@ int run_demo(probe_host& host, std::ostream& out, const std::string& log_dir) {
     out << "Their own logs: "
         << (log_dir.empty() ? "off (miniprobe --log-dir DIR demo keeps them in DIR)" : "in " + log_dir + "/opcua-sim-*.log")
         << "\n\n";
-    flushed(out);
 
     if (host.initialize() != 0) {
         out << "InitializeModule failed\n";
@@ -322,12 +342,13 @@ int run_demo(probe_host& host, std::ostream& out, const std::string& log_dir) {
     const auto& meta = definition.at("MetaData");
     out << "Module " << meta.value("Display", "") << " " << meta.value("Version", "") << "\n\n";
 
+    failure_lines logged;
     int check_id = 1;
     int unexpected = run_checks(host, definition, "Checks",
                                 "passed with no security and with the right password; the wrong password and the "
                                 "closed port are expected to fail; the endpoint check opens no session, so a "
                                 "wrong password does not fail it",
-                                plant_checks(std::to_string(server.port())), check_id, out);
+                                plant_checks(std::to_string(server.port())), check_id, out, logged);
     const std::vector<sensor_run> runs = {
         custom_sensor_run(server),
         server_status_run(server),
@@ -335,8 +356,9 @@ int run_demo(probe_host& host, std::ostream& out, const std::string& log_dir) {
                         "response code 0, the message names the certificate; 365 days to expiration"),
         beckhoff_run(ipc, status),
         certificate_run(ipc, "OPC UA Certificate of the IPC (20 days left)",
-                        "response code 0; 20 days lie below the channel's warning limit, so the probe would "
-                        "show the channel, not the sensor's result, as a warning"),
+                        "response code 0; 20 days lie below the channel's warning limit of 28, so the channel, "
+                        "not the sensor's result, shows the warning",
+                        channel_state::warning),
     };
     int sensor_id = 100;
     for (const auto& run : runs) unexpected += run_sensor(host, definition, run, sensor_id++, out);
@@ -347,7 +369,7 @@ int run_demo(probe_host& host, std::ostream& out, const std::string& log_dir) {
                                  strict.endpoint_url() + ")",
                              "a signed channel is refused; with no security the endpoint check passes, since "
                              "endpoints are asked for over an unsecured channel",
-                             strict_checks(std::to_string(strict.port())), check_id, out);
+                             strict_checks(std::to_string(strict.port())), check_id, out, logged);
     unexpected += run_sensor(host, definition,
                              certificate_run(strict, "OPC UA Certificate of the server that trusts no client",
                                              "response code 0 with no security: the certificate comes from the "
@@ -358,7 +380,6 @@ int run_demo(probe_host& host, std::ostream& out, const std::string& log_dir) {
     ipc.stop();
     server.stop();
     out << "\n" << (unexpected == 0 ? "Every step ended as expected." : "Some steps did not end as expected.") << "\n";
-    flushed(out);
     return unexpected;
 }
 

@@ -1,6 +1,9 @@
 #include "presentation.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <algorithm>
 #include <iomanip>
 #include <ostream>
 #include <set>
@@ -45,32 +48,125 @@ std::string padded(const std::string& text, std::size_t width) {
 
 channel_view view_channel(const ordered_json& definition, const ordered_json& channel) {
     const std::string display = channel.value("display_name", "");
-    return {display.empty() ? english(definition, channel.value("name", "")) : display, unit_text(channel),
-            channel.value("lookup", "")};
+    channel_view view;
+    view.name = display.empty() ? english(definition, channel.value("name", "")) : display;
+    view.unit = unit_text(channel);
+    view.lookup = channel.value("lookup", "");
+    view.scale = channel.value("scale_factor", 1.0);
+    view.limits_enabled = channel.value("limits_enabled", false);
+    auto limit = [&channel](const char* field) {
+        const auto& l = channel.contains(field) ? channel.at(field) : ordered_json::object();
+        return channel_limit{l.value("is_set", false), l.value("value", 0.0)};
+    };
+    view.lower_warning = limit("lower_warning_limit");
+    view.upper_warning = limit("upper_warning_limit");
+    view.lower_error = limit("lower_error_limit");
+    view.upper_error = limit("upper_error_limit");
+    return view;
 }
 
-std::string shown_value(const ordered_json& definition, const ordered_json& value, const channel_view& channel) {
-    const std::string text =
-        value.contains("floating") ? value.at("floating").dump() : value.value("integer", std::string("?"));
-    if (!channel.lookup.empty()) return text + " (" + english(definition, "lookup." + channel.lookup + "." + text) + ")";
-    return channel.unit.empty() ? text : text + " " + channel.unit;
+namespace {
+
+std::string number_text(double v) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.12g", v);
+    return text;
+}
+
+}  // namespace
+
+std::string describe_channel(const channel_view& channel) {
+    std::string out;
+    if (!channel.unit.empty()) out += " [" + channel.unit + "]";
+    if (!channel.lookup.empty()) out += " (lookup " + channel.lookup + ")";
+    if (channel.scale != 1.0) out += ", scale factor " + number_text(channel.scale);
+    if (channel.limits_enabled) {
+        const std::pair<const char*, const channel_limit*> limits[] = {{"warning below ", &channel.lower_warning},
+                                                                       {"warning above ", &channel.upper_warning},
+                                                                       {"error below ", &channel.lower_error},
+                                                                       {"error above ", &channel.upper_error}};
+        for (const auto& [words, limit] : limits)
+            if (limit->set) out += std::string(", ") + words + number_text(limit->value);
+    }
+    return out;
+}
+
+std::string state_text(channel_state state) {
+    switch (state) {
+        case channel_state::ok: return "ok";
+        case channel_state::warning: return "warning";
+        case channel_state::error: return "error";
+        default: return "none";
+    }
+}
+
+namespace {
+
+channel_state lookup_state(const ordered_json& definition, const std::string& lookup, long long value) {
+    if (!definition.contains("Lookups") || !definition.at("Lookups").contains(lookup)) return channel_state::none;
+    for (const auto& entry : definition.at("Lookups").at(lookup).value("LookupValues", ordered_json::array())) {
+        if (entry.value("Value", value + 1) != value) continue;
+        const std::string state = entry.value("State", "");
+        if (state == "LookupValueStateOk") return channel_state::ok;
+        if (state == "LookupValueStateWarning") return channel_state::warning;
+        if (state == "LookupValueStateError") return channel_state::error;
+        return channel_state::none;
+    }
+    return channel_state::none;
+}
+
+channel_state limit_state(const channel_view& channel, double v) {
+    if (!channel.limits_enabled) return channel_state::ok;
+    auto beyond = [v](const channel_limit& lower, const channel_limit& upper) {
+        return (lower.set && v < lower.value) || (upper.set && v > upper.value);
+    };
+    if (beyond(channel.lower_error, channel.upper_error)) return channel_state::error;
+    if (beyond(channel.lower_warning, channel.upper_warning)) return channel_state::warning;
+    return channel_state::ok;
+}
+
+}  // namespace
+
+shown_channel_value shown_value(const ordered_json& definition, const ordered_json& value,
+                                const channel_view& channel) {
+    const bool floating = value.contains("floating");
+    // Protobuf's JSON gives 64-bit integers as text.
+    const std::string raw = floating ? value.at("floating").dump() : value.value("integer", std::string("?"));
+    if (!floating && raw == "?") return {raw, channel_state::none};
+    const double number = floating ? value.at("floating").get<double>() : std::strtod(raw.c_str(), nullptr);
+    if (!channel.lookup.empty()) {
+        const long long key = floating ? static_cast<long long>(number) : std::atoll(raw.c_str());
+        return {raw + " (" + english(definition, "lookup." + channel.lookup + "." + raw) + ")",
+                lookup_state(definition, channel.lookup, key)};
+    }
+    const double scaled = number * channel.scale;
+    const std::string text = channel.scale == 1.0 ? raw : number_text(scaled);
+    return {channel.unit.empty() ? text : text + " " + channel.unit, limit_state(channel, scaled)};
 }
 
 std::string value_lines(const ordered_json& definition, const std::map<int, channel_view>& channels,
-                        const ordered_json& values, const std::string& indent, bool with_ids) {
-    std::vector<std::pair<std::string, std::string>> rows;
-    std::size_t width = 0;
+                        const ordered_json& values, const std::string& indent, bool with_ids, channel_state* worst) {
+    struct row {
+        std::string label;
+        shown_channel_value value;
+    };
+    std::vector<row> rows;
+    std::size_t label_width = 0, value_width = 0;
     for (const auto& v : values) {
         const int id = v.value("channel_id", 0);
         const auto known = channels.find(id);
         const channel_view channel = known != channels.end() ? known->second : channel_view{};
         std::string label = with_ids || channel.name.empty() ? "#" + std::to_string(id) : "";
         if (!channel.name.empty()) label += (label.empty() ? "" : " ") + channel.name;
-        rows.emplace_back(label, shown_value(definition, v, channel));
-        width = std::max(width, display_width(label));
+        rows.push_back({label, shown_value(definition, v, channel)});
+        label_width = std::max(label_width, display_width(label));
+        value_width = std::max(value_width, display_width(rows.back().value.text));
+        if (worst != nullptr) *worst = std::max(*worst, rows.back().value.state);
     }
     std::string out;
-    for (const auto& [name, value] : rows) out += indent + padded(name, width) + "  " + value + "\n";
+    for (const auto& [label, value] : rows)
+        out += indent + padded(label, label_width) + "  " + padded(value.text, value_width) + "  " +
+               state_text(value.state) + "\n";
     return out;
 }
 

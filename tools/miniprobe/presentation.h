@@ -19,24 +19,48 @@ using nlohmann::ordered_json;
 // the key itself when the table lacks it or the definition came without texts.
 std::string english(const ordered_json& definition, const std::string& key);
 
+// A channel limit as the module sends it.
+struct channel_limit {
+    bool set = false;
+    double value = 0;
+};
+
 // A channel as the probe's interface would show it.
 struct channel_view {
     std::string name;
     std::string unit;    // empty: no unit
     std::string lookup;  // name of a lookup of the definition, or empty
+    double scale = 1.0;  // the probe multiplies every value by it
+    bool limits_enabled = false;
+    channel_limit lower_warning, upper_warning, lower_error, upper_error;
 };
 
 // From the body of a DYNAMIC_CHANNEL message: the custom sensor names its channels
 // itself, the fixed sensors send a text key.
 channel_view view_channel(const ordered_json& definition, const ordered_json& channel);
 
-// A value of a scan result with its unit, or with the lookup's text.
-std::string shown_value(const ordered_json& definition, const ordered_json& value, const channel_view& channel);
+// What the "defined" line adds to a channel's name: unit, lookup, scale factor, limits.
+std::string describe_channel(const channel_view& channel);
 
-// Known channels by id; a scan result's values as aligned "name  value" lines,
-// each starting with `indent`, the name after "#id " when `with_ids`.
+// The state of a value: by its lookup's entry, else by the channel's limits.
+enum class channel_state { none = 0, ok = 1, warning = 2, error = 3 };
+std::string state_text(channel_state state);
+
+struct shown_channel_value {
+    std::string text;  // the value with its unit, or with the lookup's text
+    channel_state state = channel_state::ok;
+};
+
+// A value of a scan result as the probe shows it: scaled, with its unit or its lookup's
+// text, and its state.
+shown_channel_value shown_value(const ordered_json& definition, const ordered_json& value, const channel_view& channel);
+
+// Known channels by id; a scan result's values as aligned "name  value  state" lines,
+// each starting with `indent`, the name after "#id " when `with_ids`. The worst state of
+// the values goes to `worst` when it is given.
 std::string value_lines(const ordered_json& definition, const std::map<int, channel_view>& channels,
-                        const ordered_json& values, const std::string& indent, bool with_ids);
+                        const ordered_json& values, const std::string& indent, bool with_ids,
+                        channel_state* worst = nullptr);
 
 // What the probe makes of a response code.
 std::string response_code_text(int code);

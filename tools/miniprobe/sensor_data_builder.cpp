@@ -10,6 +10,8 @@ const std::set<std::string> probe_keys = {"host", "logging", "interval", "timeou
                                           "brenholtcloudapikey"};
 }
 
+bool is_probe_key(const std::string& key) { return probe_keys.count(key) != 0; }
+
 std::pair<std::string, std::string> split_assignment(const std::string& text) {
     const auto eq = text.find('=');
     if (eq == std::string::npos || eq == 0) throw std::invalid_argument("expected KEY=VALUE, got '" + text + "'");

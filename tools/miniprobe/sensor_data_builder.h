@@ -34,6 +34,10 @@ struct build_request {
 brenholt::vuro::wire::SensorData build_sensor_data(const nlohmann::ordered_json& definition,
                                                    const build_request& request);
 
+// Whether `key` is one of the probe's own settings (host, interval, ...), which no
+// definition lists.
+bool is_probe_key(const std::string& key);
+
 // "KEY=VALUE" into its two parts; raises std::invalid_argument without "=".
 std::pair<std::string, std::string> split_assignment(const std::string& text);
 // "1=Name,4=Other" into channel ids and names.

@@ -91,7 +91,7 @@ class InfoSettings(unittest.TestCase):
 
     def test_an_unknown_name_is_a_usage_error_that_names_the_known_ones(self):
         done = subprocess.run([MINIPROBE, "info", "temperature_sensor"], capture_output=True, text=True, timeout=30)
-        self.assertEqual(done.returncode, 2)
+        self.assertEqual(done.returncode, 3)
         self.assertIn("custom_sensor", done.stderr)
 
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Runs every command of the README's miniprobe and opcua-sim sections as written, with
 two changes so that it can run beside other tests: each simulator's --port becomes a
-free port (and so does that number in later commands), and /tmp/ paths move into a
-temporary directory. Simulators keep running until the end. A watch is stopped with
+free port (and so does that number in later commands), and /tmp/ paths, also inside an
+argument such as KEY=@/tmp/FILE, move into a temporary directory. `openssl` is the
+system's; the other programs come from the build. Simulators keep running until the end. A watch is stopped with
 SIGINT after two scans. Every command must exit 0 and every scan answer response code 0.
 `miniprobe demo` is left to its own test, miniprobe_demo.
 Usage: readme_examples.py <directory of miniprobe and opcua-sim> <README.md>"""
@@ -69,8 +70,9 @@ class ReadmeExamples(unittest.TestCase):
         for arg in argv[1:]:
             for readme_port, port in self.ports.items():
                 arg = re.sub(rf"(?<!\d){readme_port}(?!\d)", str(port), arg)
-            args.append(self.temp.name + arg[4:] if arg.startswith("/tmp/") else arg)
-        return [os.path.join(BIN, os.path.basename(argv[0])), *args]
+            args.append(arg.replace("/tmp/", self.temp.name + "/"))
+        program = argv[0] if argv[0] == "openssl" else os.path.join(BIN, os.path.basename(argv[0]))
+        return [program, *args]
 
     def start_server(self, argv):
         at = argv.index("--port")
@@ -115,12 +117,12 @@ class ReadmeExamples(unittest.TestCase):
     def test_every_example_runs_as_written(self):
         commands = readme_commands()
         programs = {os.path.basename(argv[0]) for argv in commands}
-        self.assertEqual(programs, {"miniprobe", "opcua-sim"})
+        self.assertEqual(programs, {"miniprobe", "opcua-sim", "openssl"})
         self.assertIn(["build/bin/miniprobe", "watch", "server_status_sensor",
                        "--set", "credentials.connection_opcua.port=4840"], commands)
         for argv in commands:
             with self.subTest(command=shlex.join(argv)):
-                self.assertTrue(argv[0].startswith("build/bin/"), "runs from the repository root")
+                self.assertTrue(argv[0].startswith("build/bin/") or argv[0] == "openssl", "runs from the repository root")
                 if argv[0].endswith("opcua-sim"):
                     self.start_server(argv)
                 elif argv[1:] == ["demo"]:
