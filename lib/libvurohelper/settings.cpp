@@ -127,9 +127,21 @@ std::optional<std::string> persistent_data_storage::get(const std::string& key) 
 
 void persistent_data_storage::set(const std::string& key, std::string value) { data_[key] = std::move(value); }
 
+namespace {
+// The length a user sees: characters of UTF-8, not bytes ("°C" is two long, not three).
+std::size_t characters(const std::string& text) {
+    std::size_t n = 0;
+    for (const char c : text) n += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+    return n;
+}
+}  // namespace
+
 std::string kind_string::parse_and_validate(const std::string& value, validation_rules rules) {
-    if (rules.max_length != 0 && value.size() > rules.max_length)
-        throw ex::string_too_long("Setting", std::to_string(value.size()), std::to_string(rules.max_length));
+    if (rules.max_length != 0) {
+        const std::size_t length = characters(value);
+        if (length > rules.max_length)
+            throw ex::string_too_long("Setting", std::to_string(length), std::to_string(rules.max_length));
+    }
     return value;
 }
 

@@ -170,6 +170,8 @@ TEST(custom_sensor_record, limits_hold_without_cross_field_checks) {
     const std::string n32(32, 'n');
     fake_source source = custom_source();
     source.set(key(3, "_name"), n32);
+    // A length counts characters: 31 and a degree sign are 32, in 33 bytes.
+    source.set(key(1, "_unit"), std::string(31, 'u') + "\u00b0");
     source.set(key(2, "_name"), "");  // channel 2 names manually: the definition refuses an empty name
     source.set(key(6, "_nodeid"), "'ns=2;s=a'[4]");  // array syntax is for the sensor to parse
     const st::custom_sensor r(source);
@@ -183,6 +185,7 @@ TEST(custom_sensor_record, limits_hold_without_cross_field_checks) {
                      {key(10, ""), "", selection("", "channel")},
                      {key(1, "_settings"), "Manual", selection("Manual", "channel_settings")},
                      {key(5, "_name"), std::string(33, 'n'), too_long},
+                     {key(5, "_unit"), std::string(32, 'u') + "\u00b0", too_long},
                      {key(6, "_scale_factor"), "", "bad optional access"},
                      {key(6, "_scale_factor"), "1,5", "Setting value 1,5 is invalid. The value is not a number."},
                      {key(2, ""), std::nullopt, missing(key(2, ""))},
