@@ -294,7 +294,7 @@ void client_open62541::make_client() {
     // A silent connection would hold the old client's goodbye to its session for a whole
     // time-out: its channel is closed first, which sends nothing that waits for an answer.
     if (old != nullptr && discard_) UA_Client_disconnectSecureChannel(old);
-    discard_ = discard_after_timeout_ = false;
+    discard_ = discard_after_timeout_ = rebuilt_after_timeout_ = false;
     delete_client(old);
     // Set before any key reaches the library, so it never prompts.
     UA_Client_getConfig(ua_client_)->privateKeyPasswordCallback = refuse_key_password;
