@@ -1,72 +1,74 @@
 #pragma once
 
-// Runs tests/interop/server.js (a node-opcua server) as a child process for the length
-// of a test. The child reads its options as one JSON argument, prints one JSON line
-// when it listens, then answers JSON commands on its stdin, and stops when its stdin
-// closes, so it dies with this process even when a test crashes.
-
-#include <sys/types.h>
-
+// tests/interop/server.js, a node-opcua server, as a child process for the length of a
+// test. It reads its options as one JSON argument, prints one JSON line when it listens,
+// then answers JSON commands on its stdin, and stops when its stdin closes.
 #include <chrono>
 #include <filesystem>
-#include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 
 #include <nlohmann/json.hpp>
+
+#include "support/child_process.h"
 
 namespace interop {
 
 class node_server {
 public:
-    // Starts the child; `options` go to server.js as they are, with "pkiDir" set to a
-    // fresh temporary directory. Does not wait for it to listen.
-    // Raises std::runtime_error when node-opcua is missing or the fork fails.
-    explicit node_server(nlohmann::json options);
-    ~node_server();
+    // Starts the server with `options`, "pkiDir" set to a fresh temporary directory, and
+    // waits until it listens. Raises std::runtime_error with the server's own words when
+    // it does not come up; node-opcua makes a key pair at each start, which takes tens of
+    // seconds on a busy machine.
+    explicit node_server(nlohmann::json options) {
+        const auto script = std::filesystem::path(INTEROP_SERVER_SCRIPT);
+        // CI installs node-opcua; a missing one is a broken set-up that fails, not a skip.
+        if (!std::filesystem::exists(script.parent_path() / "node_modules" / "node-opcua" / "package.json"))
+            throw std::runtime_error("node-opcua is not installed; scripts/setup-deps.sh installs it");
+        std::string dir = (std::filesystem::temp_directory_path() / "opcua-interop-XXXXXX").string();
+        if (::mkdtemp(dir.data()) == nullptr) throw std::runtime_error("mkdtemp");
+        dir_ = dir;
+        options["pkiDir"] = (dir_ / "pki").string();
+        process_.emplace(NODE_EXECUTABLE, std::vector<std::string>{script.string(), options.dump()},
+                         (dir_ / "server.err").string());
+        while (const auto line = process_->line(std::chrono::seconds(90))) {
+            auto parsed = nlohmann::json::parse(*line, nullptr, false);
+            if (!parsed.is_object() || !parsed.contains("ready")) continue;
+            if (!parsed.at("ready").get<bool>())
+                throw std::runtime_error("node-opcua server failed: " + parsed.value("error", "") + failure());
+            ready_ = parsed;
+            return;
+        }
+        throw std::runtime_error("node-opcua server ended or stayed silent before it was ready" + failure());
+    }
+    ~node_server() {
+        process_.reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
     node_server(const node_server&) = delete;
     node_server& operator=(const node_server&) = delete;
 
-    // Waits for the ready line, at most `limit`; raises std::runtime_error with the
-    // child's error output when it does not come, at once when the child exits first.
-    // Returns the ready line. node-opcua makes a key pair at each start, which takes
-    // tens of seconds on a busy machine.
-    const nlohmann::json& wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(90));
-
-    // Sends one command line ({"diagnostics":false}, {"set":{...}}) and waits for its
-    // answer, after which the change is in effect; raises std::runtime_error when the
-    // server refuses it or does not answer within `limit`.
-    void command(const nlohmann::json& line, std::chrono::milliseconds limit = std::chrono::seconds(10));
+    // Sends one command ({"diagnostics":false}) and returns once the change is in effect.
+    void command(const nlohmann::json& line) {
+        const auto answer = process_->send(line.dump()) ? process_->line(std::chrono::seconds(10)) : std::nullopt;
+        const auto parsed = nlohmann::json::parse(answer.value_or(""), nullptr, false);
+        if (!parsed.is_object() || !parsed.value("ok", false))
+            throw std::runtime_error("node-opcua server did not carry out " + line.dump() + failure());
+    }
 
     int port() const { return ready_.at("port").get<int>(); }
     const nlohmann::json& ready() const { return ready_; }
-
-    // Stops the child (SIGTERM, then SIGKILL after a grace period) and waits for it.
-    // Returns true when it ended within the grace period.
-    bool stop();
+    // True when the server ends on SIGTERM by itself (server.js gives itself 2 s).
+    bool stop() { return process_->terminate(std::chrono::seconds(4)) == 0; }
 
 private:
-    std::string error_output() const;
-    // How the child ended ("exited with status 1", "was killed by signal 9"), or empty
-    // while it runs.
-    std::string exit_description();
-    // Collects the child's status if it has ended; true when it has.
-    bool reap(bool block = false);
-    // The next line on the child's stdout that parses as a JSON object, or null when
-    // none comes before the deadline, the child closes its output or the child exits.
-    nlohmann::json next_object(std::chrono::steady_clock::time_point deadline);
+    std::string failure() const { return "\n--- server stderr ---\n" + process_->errors(); }
 
     std::filesystem::path dir_;
-    pid_t pid_ = -1;
-    int exit_status_ = 0;
-    bool exited_ = false;
-    int stdin_fd_ = -1;
-    int stdout_fd_ = -1;
-    std::string pending_;
+    std::optional<test_support::child_process> process_;
     nlohmann::json ready_;
 };
-
-// A server started and listening; raises std::runtime_error with the server's own
-// words when it does not come up.
-std::unique_ptr<node_server> start(const nlohmann::json& options);
 
 }  // namespace interop

@@ -13,8 +13,6 @@
 // While it runs it takes one JSON command per line on stdin and answers each with one
 // line, {"ok":true} or {"ok":false,"error":"..."}, once the change is in effect:
 //   {"diagnostics":false}             Server.ServerDiagnostics on or off
-//   {"set":{"raid_state":3,...}}      Beckhoff values (see beckhoffTypes)
-//   {"set":{"memory":{"size":N,"available":N}}}  both memory pairs, as the device fills them
 // Nothing else goes to stdout, so the test can read it line by line; node-opcua's own
 // warnings and errors go to stderr.
 //
@@ -68,9 +66,7 @@ const defaults = {
 // namespace of its own returns its index, which the ready line reports under
 // "namespaces" by the option's name: node-opcua hands out indexes in the order
 // namespaces are registered, so a test must not assume one.
-// Beckhoff first: its ids are fixed to namespace 2, so it must register before any other.
 const addressSpaceSections = {
-    beckhoff: buildBeckhoff,
     custom: buildCustom
 };
 
@@ -129,71 +125,6 @@ function buildCustom(addressSpace) {
     add("Int32Array", "Int32", new Int32Array([-5, 0, 2147483647]), true);
     add("DoubleArray", "Double", new Float64Array([0.5, -1.25, 1e300]), true);
     add("SensorMessage", "String", "Pump 3 running");
-    return namespace.index;
-}
-
-// The nine variables of a Beckhoff industrial PC under fixed ids in namespace 2, in the
-// data types the device (and opcua-sim) uses. Option value: true.
-const beckhoffNamespaceUri = "urn:kolv:interop:beckhoff";
-const beckhoffTypes = {
-    cpu_load: ["CPU|CPU0|0x8nn1|0x02", "UInt16"],
-    cpu_temperature: ["CPU|CPU0|0x8nn1|0x03", "Int16"],
-    mainboard_temperature: ["MAINBOARD|MAINBOARD|0x8nn1|0x0a", "Int16"],
-    memory_size: ["Memory|Memory|0x8nn1|0x01", "UInt32"],
-    memory_available: ["Memory|Memory|0x8nn1|0x02", "UInt32"],
-    memory_size_wide: ["Memory|Memory|0x8nn1|0x06", "UInt64"],
-    memory_available_wide: ["Memory|Memory|0x8nn1|0x07", "UInt64"],
-    raid_state: ["RAID Controller|Scsi0:|0x8nn1|0x01", "UInt16"],
-    raid_offline_reason: ["RAID Controller|Scsi0:|0x8nn1|0x02", "UInt16"]
-};
-// Where the narrow pair sticks once memory outgrows 31 bits.
-const narrowSaturated = 0x7fffffffn;
-const beckhoff = {
-    cpu_load: 12n, cpu_temperature: 45n, mainboard_temperature: 38n,
-    memory_size: 4096n, memory_available: 1024n, memory_size_wide: 4096n, memory_available_wide: 1024n,
-    raid_state: 1n, raid_offline_reason: 0n
-};
-
-// Checks every key before changing anything, so a bad command leaves the values alone.
-function setBeckhoff(values) {
-    const next = { ...beckhoff };
-    for (const [key, value] of Object.entries(values)) {
-        if (key === "memory") {
-            const size = BigInt(value.size), available = BigInt(value.available);
-            next.memory_size = size < narrowSaturated ? size : narrowSaturated;
-            next.memory_available = available < narrowSaturated ? available : narrowSaturated;
-            next.memory_size_wide = size;
-            next.memory_available_wide = available;
-            continue;
-        }
-        if (!(key in beckhoffTypes)) throw new Error(`unknown Beckhoff value "${key}"`);
-        next[key] = BigInt(value);
-    }
-    Object.assign(beckhoff, next);
-}
-
-function buildBeckhoff(addressSpace) {
-    const namespace = addressSpace.registerNamespace(beckhoffNamespaceUri);
-    if (namespace.index !== 2) fail(`Beckhoff namespace got index ${namespace.index}, the device's ids need 2`);
-    const folder = namespace.addFolder(addressSpace.rootFolder.objects, { browseName: "Modules", nodeId: "s=Modules" });
-    for (const [key, [id, type]] of Object.entries(beckhoffTypes)) {
-        namespace.addVariable({
-            organizedBy: folder,
-            browseName: key,
-            nodeId: `s=Modules|${id}`,
-            dataType: type,
-            accessLevel: "CurrentRead",
-            userAccessLevel: "CurrentRead",
-            value: {
-                get: () =>
-                    new Variant({
-                        dataType: DataType[type],
-                        arrayType: VariantArrayType.Scalar,
-                        value: type === "UInt64" ? int64Words(beckhoff[key]) : Number(beckhoff[key])
-                    })
-            }
-        });
-    }
     return namespace.index;
 }
 
@@ -286,13 +217,8 @@ async function main() {
         const answer = (reply) => process.stdout.write(JSON.stringify(reply) + "\n");
         try {
             const command = JSON.parse(line);
-            if (typeof command.diagnostics === "boolean") {
-                server.engine.serverDiagnosticsEnabled = command.diagnostics;
-            } else if (command.set !== undefined) {
-                setBeckhoff(command.set);
-            } else {
-                throw new Error(`unknown command ${line}`);
-            }
+            if (typeof command.diagnostics !== "boolean") throw new Error(`unknown command ${line}`);
+            server.engine.serverDiagnosticsEnabled = command.diagnostics;
             answer({ ok: true });
         } catch (e) {
             answer({ ok: false, error: String(e.message || e) });

@@ -21,7 +21,7 @@
 #include "integration/check_session.h"
 #include "integration/sensor_session.h"
 #include "support/fault_proxy.h"
-#include "support/sim_process.h"
+#include "support/child_process.h"
 
 using namespace integration;
 
@@ -67,10 +67,10 @@ protected:
 
     void start_server() {
         server_.reset();
-        server_ = std::make_unique<test_support::sim_process>(
+        server_ = std::make_unique<test_support::child_process>(
             OPCUA_SIM_EXECUTABLE,
             std::vector<std::string>{"--port", std::to_string(port_), "--address-space", "custom"});
-        ASSERT_FALSE(server_->first_line().empty()) << "opcua-sim did not start on port " << port_;
+        ASSERT_TRUE(server_->line(std::chrono::seconds(20))) << "opcua-sim did not start on port " << port_;
     }
 
     // The custom sensor on one channel, in security mode none: every new UA_Client makes
@@ -125,7 +125,7 @@ protected:
     }
 
     int port_ = 0;
-    std::unique_ptr<test_support::sim_process> server_;
+    std::unique_ptr<test_support::child_process> server_;
 };
 
 TEST_F(ConnectionLoss, AServerKilledAndBackBeforeTheNextScanCostsNoScan) {

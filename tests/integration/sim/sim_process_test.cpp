@@ -10,6 +10,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509v3.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -18,11 +19,11 @@
 #include <string>
 #include <vector>
 
-#include "support/sim_process.h"
+#include "support/child_process.h"
 
 namespace {
 
-using test_support::sim_process;
+using test_support::child_process;
 
 // Local addresses, in /proc/net/tcp form, that listen on the port.
 std::vector<std::string> listening_addresses(int port) {
@@ -62,9 +63,9 @@ X509* server_certificate(const std::string& url) {
 TEST(SimProcess, ServesOnLoopbackWithTheAskedCertificateAndEndsOnSignal) {
     for (const auto& [days, bits] : std::vector<std::pair<int, int>>{{30, 1024}, {-3, 2048}}) {
         SCOPED_TRACE(std::to_string(days) + " days, " + std::to_string(bits) + " bits");
-        sim_process process(OPCUA_SIM_EXECUTABLE, {"--port", "0", "--endpoint", "none", "--cert-days", std::to_string(days), "--key-bits",
+        child_process process(OPCUA_SIM_EXECUTABLE, {"--port", "0", "--endpoint", "none", "--cert-days", std::to_string(days), "--key-bits",
                              std::to_string(bits)});
-        const std::string url = process.first_line();
+        const std::string url = process.line(std::chrono::seconds(20)).value_or("");
         std::smatch match;
         ASSERT_TRUE(std::regex_match(url, match, std::regex(R"(opc\.tcp://127\.0\.0\.1:(\d+)/)"))) << url;
         EXPECT_EQ(listening_addresses(std::stoi(match[1])), std::vector<std::string>{"0100007F"});
