@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs everything the tests need: first what the build needs (scripts/setup-build-deps.sh),
 # then GoogleTest and GoogleMock, Google Benchmark, clang 14 with its runtime libraries
-# (the fuzz targets), and npm when the machine has none. The interoperability suite runs
+# (the fuzz targets), Ninja (four builds in a row), and npm when the machine has none. The interoperability suite runs
 # on its own node, fetched from npm into tests/interop/node, because node-opcua needs a
 # newer node than Debian 12 has and the system's own node is left alone. Idempotent, no
 # prompts: a second run only checks. Says what it does before each step that changes
@@ -20,7 +20,7 @@ step() { echo "$*"; }
 
 bash "$root/scripts/setup-build-deps.sh"
 
-pkgs=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
+pkgs=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev ninja-build)
 # npm only fetches the suite's own node and node-opcua, so any npm will do; Debian 12's
 # (with its node 18) when there is none.
 command -v npm >/dev/null 2>&1 || pkgs+=(npm)

@@ -36,7 +36,8 @@ public:
         const pid_t parent = ::getpid();
         pid_ = ::fork();
         if (pid_ == 0) {
-            // Only async-signal-safe calls from here: it dies with the test, even a crashed one.
+            // Only async-signal-safe calls from here. It dies with the test, even a crashed
+            // one; and with the thread that started it, which must therefore outlive it.
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             if (::getppid() != parent) ::_exit(127);
             ::dup2(in[0], STDIN_FILENO);

@@ -1,12 +1,23 @@
-// What a server does to the module that a plant does too: restarts between and during
-// scans, variables without a value, and client keys the stack cannot use.
+// What plants do to the module: a server killed outright and started again, between and
+// during scans; a path that goes silent while new connections pass; connections reset;
+// a server that hangs and then resumes; variables without a value; client keys the stack
+// cannot use. opcua-sim runs as a process of its own where it is killed or stopped, and a
+// proxy in front of it cuts and resets. Every scan and check answers once, burns no CPU
+// while it waits, writes a bounded number of log lines, and the first one after the fault
+// is over is good.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
 #include <malloc.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -16,6 +27,8 @@
 #include "integration/sensor_session.h"
 #include "opcua_sim/address_spaces.h"
 #include "opcua_sim/server.h"
+#include "support/child_process.h"
+#include "support/fault_proxy.h"
 #include "support/test_pki.h"
 
 using namespace integration;
@@ -38,112 +51,224 @@ std::size_t open_descriptors() {
     return n;
 }
 
-std::size_t heap_in_use() { return mallinfo2().uordblks; }
+double thread_cpu_seconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
 
-const char* const ten_nodes[] = {"ns=2;s=Int32", "ns=2;s=Int16",  "ns=2;s=UInt16", "ns=2;s=Double",
-                                 "ns=2;s=Float", "ns=2;s=Byte",   "ns=2;s=SByte",  "ns=2;s=UInt32",
-                                 "ns=2;s=Int64", "'ns=2;s=DoubleArray'[1]"};
+int free_port() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
 
-class Faults : public sensor_session {
+// What one scan or check came to: the response code of its one result (0 or 3 for a
+// check's success), its times and the lines it added to the runtime log.
+struct outcome {
+    int code = -1;
+    double cpu = 0, wall = 0;
+    std::size_t log_lines = 0;
+};
+
+class ConnectionLoss : public sensor_session {
 protected:
     void SetUp() override {
         sensor_session::SetUp();
-        opcua_sim::options o;
-        o.address_spaces.push_back(opcua_sim::custom_address_space());
-        server_ = std::make_unique<opcua_sim::server>(o);
-        server_->start();
+        port_ = free_port();
+        start_server();
     }
     void TearDown() override {
         sensor_session::TearDown();
         server_.reset();
     }
 
-    // Signed with a given certificate: a reconnect then costs no key generation.
-    brenholt::vuro::wire::SensorData ten_channels() {
-        std::map<int, std::string> channels;
-        for (int n = 1; n <= 10; ++n) channels[n] = ten_nodes[n - 1];
-        auto d = custom_data(server_->port(), channels);
-        for (const auto& [key, value] : security("sign", "Basic256Sha256")) test_support::put(d, key, value);
-        return d;
+    void start_server() {
+        server_.reset();
+        server_ = std::make_unique<test_support::child_process>(
+            OPCUA_SIM_EXECUTABLE, std::vector<std::string>{"--port", std::to_string(port_), "--address-space", "custom"});
+        ASSERT_TRUE(server_->line(std::chrono::seconds(20))) << "opcua-sim did not start on port " << port_;
     }
 
-    // The response code of the one result that a scan must send.
-    int scan_code(int id) {
-        const auto sent = scan(id);
-        EXPECT_EQ(sent.results.size(), 1u);
-        return sent.results.empty() ? -1 : sent.results.front().at("response_code").get<int>();
+    // A custom sensor on one channel in security mode none: every new UA_Client makes a
+    // 4096-bit key, which is what the CPU limits below must see.
+    void create(int port) { ASSERT_EQ(host_->create_sensor(1, custom_data(port, {{1, "ns=2;s=Double"}})), 0); }
+
+    template <typename Call>
+    outcome measured(Call call) {
+        const std::size_t lines_before = runtime_log().size();
+        host_->take_messages();
+        const double cpu0 = thread_cpu_seconds();
+        const auto wall0 = std::chrono::steady_clock::now();
+        outcome o;
+        o.code = call();
+        o.cpu = thread_cpu_seconds() - cpu0;
+        o.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+        o.log_lines = runtime_log().size() - lines_before;
+        // The figures of each fault, for whoever reads the test's output.
+        std::printf("  %-50s code %d, %5.2f s, %5.3f s CPU, %zu log lines\n",
+                    ::testing::UnitTest::GetInstance()->current_test_info()->name(), o.code, o.wall, o.cpu, o.log_lines);
+        return o;
+    }
+    outcome scan() {
+        return measured([&] {
+            EXPECT_EQ(host_->scan(1), 0);
+            const auto results = take().results;
+            EXPECT_EQ(results.size(), 1u) << "one result a scan";
+            return results.empty() ? -1 : results.front().at("response_code").get<int>();
+        });
+    }
+    outcome check(const std::string& kind, int port) {
+        return measured([&] {
+            EXPECT_EQ(host_->check(7, test_support::credential_data(kind, port)), 0);
+            int results = 0, code = -1;
+            for (const auto& m : host_->take_messages())
+                if (m.type == "CHECK_RESULT") {
+                    ++results;
+                    code = m.body.at("success").get<bool>() ? 0 : 3;
+                }
+            EXPECT_EQ(results, 1) << "one result a check";
+            return code;
+        });
     }
 
-    std::unique_ptr<opcua_sim::server> server_;
+    // A failed scan or check waits without burning CPU and writes a bounded log.
+    static void expect_quiet_failure(const outcome& o) {
+        EXPECT_LT(o.cpu, 0.1 * o.wall) << o.cpu << " s CPU in " << o.wall << " s";
+        EXPECT_LT(o.log_lines, 400u);
+    }
+
+    int port_ = 0;
+    std::unique_ptr<test_support::child_process> server_;
 };
 
-TEST_F(Faults, ServerRestartsCostOnlyTheScansWhileItIsDown) {
-    ASSERT_EQ(host_->create_sensor(1, ten_channels()), 0);
-    ASSERT_EQ(scan_code(1), 0);
-
-    constexpr int cycles = 21;
+// Killed between two scans, so that nothing noticed, or during scans, which meet it at any
+// point: each scan answers once, the first after the server is back is good, and the
+// cycles leave no descriptor or memory behind.
+TEST_F(ConnectionLoss, AServerKilledAndBackCostsNoScanAfterIt) {
+    create(port_);
+    ASSERT_EQ(scan().code, 0);
     std::size_t descriptors = 0, heap = 0;
-    for (int cycle = 0; cycle < cycles; ++cycle) {
+    for (int cycle = 0; cycle < 4; ++cycle) {
         SCOPED_TRACE(cycle);
-        if (cycle % 3 == 0) {
-            // Restarted between two scans: nothing noticed it, the channel is gone all the same.
-            server_->stop();
-            server_->start();
-        } else if (cycle % 3 == 1) {
-            // Down for one scan, which fails.
-            server_->stop();
-            EXPECT_NE(scan_code(1), 0);
-            server_->start();
+        if (cycle % 2 == 0) {
+            server_->signal(SIGKILL);
+            start_server();
         } else {
-            // During scans: each scan still sends exactly one result, whatever it meets.
-            std::atomic<bool> done{false};
-            std::thread restarter([&] {
-                std::this_thread::sleep_for(std::chrono::milliseconds(5 + cycle));
-                server_->stop();
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                server_->start();
-                done = true;
+            // Killed at any point of a scan. The restart comes from this thread: a child
+            // dies with the thread that started it.
+            std::atomic<bool> killed{false};
+            std::thread killer([&] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5 * cycle));
+                server_->signal(SIGKILL);
+                killed = true;
             });
-            while (!done) scan_code(1);
-            restarter.join();
+            while (!killed) scan();
+            killer.join();
+            scan();
+            start_server();
         }
-        // The first scan after the server is back is good.
-        EXPECT_EQ(scan_code(1), 0);
-        if (cycle == 3) {
+        const outcome after = scan();
+        EXPECT_EQ(after.code, 0);
+        EXPECT_LT(after.log_lines, 400u);
+        if (cycle == 1) {
             descriptors = open_descriptors();
-            heap = heap_in_use();
+            heap = mallinfo2().uordblks;
         }
     }
     EXPECT_EQ(open_descriptors(), descriptors);
     // A UA_Client or a node set lost per cycle would be tens of kilobytes each time.
     if (heap_is_measurable) {
-        EXPECT_LT(heap_in_use(), heap + 256 * 1024) << heap;
+        EXPECT_LT(mallinfo2().uordblks, heap + 256 * 1024) << heap;
+    }
+    // Both checks on the sensor's client, the server killed and back before each.
+    for (const char* kind : {"connection_check", "endpoint_validation_check"}) {
+        server_->signal(SIGKILL);
+        start_server();
+        EXPECT_EQ(check(kind, port_).code, 0) << kind;
     }
 }
 
-TEST_F(Faults, AVariableThatLosesItsValueKeepsTheLastOne) {
-    server_->set_value("ns=2;s=Fading", [] {
-        static UA_Int32 v = 41;
-        UA_Variant var;
-        UA_Variant_setScalar(&var, &v, &UA_TYPES[UA_TYPES_INT32]);
-        return var;
-    }());
-    auto d = custom_data(server_->port(), {{1, "ns=2;s=Fading"}});
-    ASSERT_EQ(host_->create_sensor(1, d), 0);
-    auto first = scan(1).result();
-    ASSERT_EQ(first.at("response_code"), 0) << first.dump();
-    ASSERT_EQ(first.at("channels").at(0).at("integer"), "41");
+TEST_F(ConnectionLoss, ASilentCutCostsAtMostTheScanThatMeetsIt) {
+    test_support::fault_proxy proxy(port_);
+    create(proxy.port());
+    ASSERT_EQ(scan().code, 0);
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        SCOPED_TRACE(cycle);
+        proxy.cut_silently();
+        const outcome met = scan();
+        if (met.code != 0) expect_quiet_failure(met);
+        EXPECT_EQ(scan().code, 0) << "the scan after the cut";
+    }
+    // The checks share the sensor's client: at most the first meets the cut.
+    proxy.cut_silently();
+    const outcome met = check("connection_check", proxy.port());
+    if (met.code != 0) expect_quiet_failure(met);
+    EXPECT_EQ(check("connection_check", proxy.port()).code, 0);
+    EXPECT_EQ(check("endpoint_validation_check", proxy.port()).code, 0);
+}
 
-    // An unset variable: the server answers with a value that holds nothing.
-    server_->with_server([](UA_Server* ua) {
+TEST_F(ConnectionLoss, AResetConnectionCostsNoScan) {
+    test_support::fault_proxy proxy(port_);
+    create(proxy.port());
+    ASSERT_EQ(scan().code, 0);
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        proxy.reset();
+        EXPECT_EQ(scan().code, 0) << cycle;
+    }
+    proxy.reset();
+    EXPECT_EQ(check("connection_check", proxy.port()).code, 0);
+}
+
+TEST_F(ConnectionLoss, AHungServerFailsScansAndChecksWithoutBurningCpuAndTheFirstAfterIsGood) {
+    create(port_);
+    ASSERT_EQ(scan().code, 0);
+    server_->stop();
+    for (int n = 0; n < 3; ++n) {
+        const outcome o = scan();
+        EXPECT_EQ(o.code, 3);
+        expect_quiet_failure(o);
+    }
+    for (const char* kind : {"connection_check", "endpoint_validation_check"}) {
+        const outcome o = check(kind, port_);
+        EXPECT_EQ(o.code, 3) << kind;
+        expect_quiet_failure(o);
+    }
+    server_->resume();
+    EXPECT_EQ(scan().code, 0);
+    EXPECT_EQ(check("connection_check", port_).code, 0);
+    EXPECT_EQ(check("endpoint_validation_check", port_).code, 0);
+}
+
+using Faults = sensor_session;
+
+// An unset variable: the server answers with a value that holds nothing, and the sensor
+// keeps the value it read before.
+TEST_F(Faults, AVariableThatLosesItsValueKeepsTheLastOne) {
+    opcua_sim::options o;
+    o.address_spaces.push_back(opcua_sim::custom_address_space());
+    opcua_sim::server server(o);
+    server.start();
+    UA_Int32 value = 41;
+    UA_Variant variant;
+    UA_Variant_setScalar(&variant, &value, &UA_TYPES[UA_TYPES_INT32]);
+    server.set_value("ns=2;s=Fading", variant);
+    ASSERT_EQ(host_->create_sensor(1, custom_data(server.port(), {{1, "ns=2;s=Fading"}})), 0);
+    ASSERT_EQ(scan(1).result().at("channels").at(0).at("integer"), "41");
+    server.with_server([](UA_Server* ua) {
         UA_Variant empty;
         UA_Variant_init(&empty);
-        ASSERT_EQ(UA_Server_writeValue(ua, UA_NODEID_STRING(2, const_cast<char*>("Fading")), empty),
-                  UA_STATUSCODE_GOOD);
+        ASSERT_EQ(UA_Server_writeValue(ua, UA_NODEID_STRING(2, const_cast<char*>("Fading")), empty), UA_STATUSCODE_GOOD);
     });
-    auto second = scan(1).result();
-    EXPECT_EQ(second.at("response_code"), 0) << second.dump();
-    EXPECT_EQ(second.at("channels").at(0).at("integer"), "41");
+    const auto after = scan(1).result();
+    EXPECT_EQ(after.at("response_code"), 0) << after.dump();
+    EXPECT_EQ(after.at("channels").at(0).at("integer"), "41");
 }
 
 using KeyChecks = check_session;
