@@ -17,12 +17,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include <open62541/server.h>
 
+#include "client/client_open62541.h"
 #include "integration/check_session.h"
 #include "integration/sensor_session.h"
 #include "opcua_sim/address_spaces.h"
@@ -33,6 +35,20 @@
 
 using namespace integration;
 namespace pki = brenholt::monitoring_modules::test_pki;
+
+// While a secret is watched, every block the process frees is searched for it first, so
+// that no freed memory is ever read. Not with ASan, which owns free itself.
+std::atomic<const char*> watched_secret{nullptr};
+std::atomic<int> freed_with_secret{0};
+#if !defined(__SANITIZE_ADDRESS__)
+extern "C" void __libc_free(void*);
+extern "C" void free(void* p) {
+    const char* secret = watched_secret.load();
+    if (p != nullptr && secret != nullptr && memmem(p, malloc_usable_size(p), secret, std::strlen(secret)) != nullptr)
+        ++freed_with_secret;
+    __libc_free(p);
+}
+#endif
 
 namespace {
 
@@ -284,6 +300,35 @@ TEST_F(Faults, AVariableThatLosesItsValueKeepsTheLastOne) {
 }
 
 using KeyChecks = check_session;
+
+// The user's password lives in the stack's configuration of each UA_Client, which the
+// library frees: it is wiped before, when discovery replaces the client and at its end.
+// Watched once the session stands: the stack's own copies while it activates the session
+// are the stack's affair, and the server runs in a process of its own.
+TEST(Secrets, APasswordLeavesNoCopyInFreedMemory) {
+    if (!heap_is_measurable) GTEST_SKIP() << "ASan frees memory itself";
+    const char* const password = "Pa55-w0rd-in-the-heap";
+    const int port = free_port();
+    test_support::child_process server(OPCUA_SIM_EXECUTABLE, {"--port", std::to_string(port), "--user",
+                                                              std::string("operator:") + password});
+    ASSERT_TRUE(server.line(std::chrono::seconds(20)));
+    namespace ua = brenholt::monitoring_modules::opcua;
+    ua::client_settings settings;
+    settings.host = "127.0.0.1";
+    settings.port = port;
+    settings.user_auth_mode = ua::settings::user_auth_mode::username_password;
+    settings.user = "operator";
+    settings.password = brenholt::monitoring_modules::libvurohelper::settings::secure_string(password);
+    {
+        ua::client_open62541 client(settings, {});
+        client.connect();
+        ASSERT_TRUE(client.is_connected());
+        watched_secret = password;
+        EXPECT_TRUE(client.validate_endpoint());
+    }
+    watched_secret = nullptr;
+    EXPECT_EQ(freed_with_secret, 0);
+}
 
 // The stack reads RSA keys only. Any other key loads in OpenSSL and then failed in the
 // stack, which asked for a password on the probe's terminal and blocked there.
