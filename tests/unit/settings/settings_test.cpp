@@ -1,53 +1,191 @@
+// The settings records and the client's settings key, read from probe data in memory.
+// This program replaces the global allocation functions: while a watch is on, every block
+// is searched for a secret at the moment it is released, before it is freed, so no
+// released memory is ever read and secrets left behind by copies are seen.
 #include <gtest/gtest.h>
 
-#include <cstdint>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <new>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "fake_source.h"
-#include "settings/base_settings.h"
+#include "client/client_settings.h"
+#include "client/exceptions.h"
+#include "libvurohelper/exceptions.h"
+#include "libvurohelper/messaging.h"
+#include "libvurohelper/notifications.h"
 #include "settings/custom_sensor_settings.h"
 #include "settings/records.h"
 #include "support/what_of.h"
+#include "vuro.pb.h"
 
 namespace {
 
-namespace st = ::brenholt::monitoring_modules::opcua::settings;
-using namespace opcua_settings_test;
+constexpr std::size_t header = alignof(std::max_align_t);
+std::atomic<const char*> watched{nullptr};
+std::atomic<int> released_with_secret{0};
+
+void release(void* p) noexcept {
+    if (p == nullptr) return;
+    char* base = static_cast<char*>(p) - header;
+    const char* secret = watched.load();
+    if (secret != nullptr && memmem(p, *reinterpret_cast<std::size_t*>(base), secret, std::strlen(secret)) != nullptr)
+        ++released_with_secret;
+    std::free(base);
+}
+
+}  // namespace
+
+// The library's other forms of new and delete forward to these.
+void* operator new(std::size_t size) {
+    void* base = std::malloc(size + header);
+    if (base == nullptr) throw std::bad_alloc();
+    *static_cast<std::size_t*>(base) = size;
+    return static_cast<char*>(base) + header;
+}
+void operator delete(void* p) noexcept { release(p); }
+void operator delete(void* p, std::size_t) noexcept { release(p); }
+
+namespace {
+
+namespace mm = ::brenholt::monitoring_modules;
+namespace ua = mm::opcua;
+namespace st = ua::settings;
+using mm::libvurohelper::settings::secure_string;
 using test_support::what_of;
 
-struct failure {
-    std::string key;
-    std::optional<std::string> value;  // nullopt: the key is missing
-    std::string text;
+// Probe data in memory, plain and secure apart; every lookup is recorded in order
+// ("get_secure " marks the secure ones).
+class fake_source : public mm::libvurohelper::settings::settings_source {
+public:
+    std::map<std::string, std::string> plain, secure;
+    mutable std::vector<std::string> reads;
+
+    const std::string& get(const std::string& key) const override { return find(plain, key, key); }
+    secure_string get_secure(const std::string& key) const override {
+        return secure_string(std::string(find(secure, key, "get_secure " + key)));
+    }
+    // Sets a key in the map that already holds it, else as a plain value; no value erases it.
+    void set(const std::string& key, const std::optional<std::string>& value) {
+        if (!value) plain.erase(key), secure.erase(key);
+        else (secure.count(key) ? secure : plain)[key] = *value;
+    }
+
+private:
+    const std::string& find(const std::map<std::string, std::string>& map, const std::string& key, std::string read) const {
+        reads.push_back(std::move(read));
+        const auto it = map.find(key);
+        if (it == map.end()) throw mm::libvurohelper::utils::exceptions::setting_not_available(key);
+        return it->second;
+    }
 };
 
-// Each text belongs to one failure class, so the text also tells the class.
-template <typename Make>
-void expect_failures(const fake_source& base, const std::vector<failure>& cases, Make make) {
-    for (const auto& c : cases) {
-        fake_source source = base;
-        c.value ? source.set(c.key, *c.value) : source.erase(c.key);
-        EXPECT_EQ(c.text, what_of<std::exception>([&] { make(source); })) << c.key << " = " << c.value.value_or("<missing>");
+const std::string port = "credentials.connection_opcua.port", mode = "credentials.connection_security.security_mode",
+                  key_password = "credentials.connection_security.client_key_password",
+                  auth = "credentials.user_authentication.user_auth_mode",
+                  password = "credentials.user_authentication.password";
+
+// A complete, valid set of what a sensor or check receives; `secured` false gives security
+// mode none and anonymous login, which leave the credentials unused.
+fake_source sensor_source(bool secured = true) {
+    fake_source s;
+    s.plain = {{"host", "plc.example"}, {"logging", "enabled"}, {"interval", "30"}, {"timeout", "20"}, {"ipversion", "IPv4"},
+               {port, "4841"}, {"credentials.connection_opcua.server_name", "/srv/ua"}, {mode, secured ? "sign" : "none"},
+               {"credentials.connection_security.security_policy", "Basic256Sha256"},
+               {"credentials.connection_security.client_certificate", "CERT-PEM"},
+               {"credentials.connection_security.client_key", "KEY-PEM"},
+               {auth, secured ? "username_password" : "anonymous"}, {"credentials.user_authentication.user", "operator"}};
+    s.secure = {{"brenholtcloudapikey", "api-key"}, {key_password, "key-pw"}, {password, "user-pw"}};
+    return s;
+}
+
+// Counts the blocks released with the secret in them while f runs. The secret's own
+// storage is static, so the watch never trips on it.
+int hits_while(const char* secret, const std::function<void()>& f) {
+    released_with_secret = 0;
+    watched = secret;
+    f();
+    watched = nullptr;
+    return released_with_secret.load();
+}
+
+// Keeps the optimiser from dropping an allocation that is never read.
+void keep(const void* p) { asm volatile("" : : "g"(p) : "memory"); }
+
+TEST(secrets, leave_nothing_in_released_memory) {
+    secure_string wiped{std::string(40, 's')};
+    const char* data = wiped.c_str();
+    wiped.wipe();
+    ASSERT_EQ(data, wiped.c_str()) << "clear() keeps the buffer, so it is still ours to read";
+    for (std::size_t i = 0; i < wiped.str().capacity(); ++i) ASSERT_EQ('\0', data[i]) << i;
+
+    namespace vh = mm::libvurohelper;
+    namespace wire = ::brenholt::vuro::wire;
+    // Long enough to live on the heap, and short enough to live inside the string.
+    for (const char* secret : {"long-secret-0f3a9c1e-d2b4-heap-allocated", "sso-secret-7q"}) {
+        SCOPED_TRACE(secret);
+        // The detector must see a plain string go, or every check here could pass for nothing.
+        EXPECT_EQ(1, hits_while(secret, [&] { keep(std::make_unique<std::string>(secret)->data()); }));
+        fake_source source = sensor_source();
+        for (const auto& key : {std::string("brenholtcloudapikey"), key_password, password}) source.set(key, secret);
+        // The API key and the key password are read, then the user group fails.
+        fake_source failing = source;
+        failing.set(auth, "user");
+        // The probe's bytes are decoded into copies of the framework's own, the secret as a
+        // secure value and as plain key material.
+        wire::SensorData sensor;
+        sensor.set_kind("server_status_sensor");
+        (*sensor.mutable_secure_settings())[password] = secret;
+        (*sensor.mutable_settings())["credentials.connection_security.client_key"] = secret;
+        wire::NotificationRequest notification;
+        (*notification.mutable_secure_settings())[password] = secret;
+        const auto sensor_bytes = vh::messaging::wrap(vh::messaging::message_type::sensor_data, sensor.SerializeAsString());
+        const auto notification_bytes =
+            vh::messaging::wrap(vh::messaging::message_type::notification_request, notification.SerializeAsString());
+        // Everything is made on the heap, so the blocks of the objects themselves are searched too.
+        const std::pair<const char*, std::function<void()>> uses[] = {
+            {"secure_string copied, moved, replaced", [&] {
+                 auto held = std::make_unique<secure_string>(std::string(secret));
+                 secure_string copy = *held;
+                 secure_string moved = std::move(copy);
+                 moved = secure_string(std::string("new value that needs its own heap"));
+             }},
+            {"a record that fails after reading secrets",
+             [&] { EXPECT_ANY_THROW(std::make_unique<st::server_status_sensor>(failing)); }},
+            {"client settings copied, hashed, their credentials replaced", [&] {
+                 auto record = std::make_unique<st::server_status_sensor>(source);
+                 auto settings = std::make_unique<ua::client_settings>(ua::create_client_settings(*record));
+                 EXPECT_NE(0u, std::hash<ua::client_settings>{}(*settings));
+                 // Mode none empties the key password of a value that held one.
+                 record->connection_security.security_mode = st::security_mode::none;
+                 settings->set_credentials(record->connection_security, record->user_authentication);
+             }},
+            {"probe data decoded and logged", [&] {
+                 auto data = std::make_unique<vh::settings::sensor_data_wrapper>(
+                     sensor_bytes.data(), static_cast<unsigned int>(sensor_bytes.size()));
+                 EXPECT_EQ(data->get_secure(password).str(), secret);
+                 keep(data->to_json().data());
+                 auto request = std::make_unique<vh::notifications::request>(
+                     notification_bytes.data(), static_cast<unsigned int>(notification_bytes.size()));
+                 keep(request->to_json().data());
+             }},
+        };
+        for (const auto& [name, use] : uses) EXPECT_EQ(0, hits_while(secret, use)) << name;
     }
 }
 
-std::string selection(const std::string& value, const std::string& type) {
-    return "Value \"" + value + "\" could not be parsed into selection type \"" + type + "\".";
-}
-std::string missing(const std::string& key) { return "The setting \"" + key + "\" was not available."; }
-
 // Base settings in their reading order, then the three credential groups.
 const std::vector<std::string> common_reads{
-    "host", "logging", "timeout", "get_secure brenholtcloudapikey", "ipversion", "interval",
-    "credentials.connection_opcua.port", "credentials.connection_opcua.server_name",
-    "credentials.connection_security.security_mode", "credentials.connection_security.security_policy",
+    "host", "logging", "timeout", "get_secure brenholtcloudapikey", "ipversion", "interval", port,
+    "credentials.connection_opcua.server_name", mode, "credentials.connection_security.security_policy",
     "credentials.connection_security.client_certificate", "credentials.connection_security.client_key",
-    "get_secure credentials.connection_security.client_key_password",
-    "credentials.user_authentication.user_auth_mode", "credentials.user_authentication.user",
-    "get_secure credentials.user_authentication.password"};
+    "get_secure " + key_password, auth, "credentials.user_authentication.user", "get_secure " + password};
 
 template <typename R>
 class every_record : public ::testing::Test {};
@@ -57,37 +195,69 @@ using record_types = ::testing::Types<st::server_status_sensor, st::certificate_
 TYPED_TEST_SUITE(every_record, record_types);
 
 TYPED_TEST(every_record, reads_every_key_once_in_fixed_order) {
-    const fake_source source = unsecured_source();
+    const fake_source source = sensor_source(false);
     const TypeParam r(source);
     EXPECT_EQ(common_reads, source.reads);
     EXPECT_EQ("CERT-PEM", r.connection_security.client_certificate);
     EXPECT_EQ("api-key", r.base.brenholtcloudapikey.str());
 }
 
-TEST(sensor_record, bad_or_missing_values_fail_with_their_text) {
-    const std::string port = "credentials.connection_opcua.port";
-    std::vector<failure> cases{
-        {port, "0", "Setting value 0 is less than the minimum of 1."},
+struct change {
+    std::string key;
+    std::optional<std::string> value;  // nullopt: the key is missing
+    std::string text;                  // what the record throws; "": it is accepted
+};
+
+// Each text belongs to one failure class, so the text also tells the class.
+template <typename Record>
+void expect_outcomes(const fake_source& base, const std::vector<change>& cases) {
+    for (const auto& c : cases) {
+        fake_source source = base;
+        source.set(c.key, c.value);
+        std::string what;
+        try {
+            Record{source};
+        } catch (const std::exception& e) {
+            what = e.what();
+        }
+        EXPECT_EQ(c.text, what) << c.key << " = " << c.value.value_or("<missing>");
+    }
+}
+
+std::string selection(const std::string& value, const std::string& type) {
+    return "Value \"" + value + "\" could not be parsed into selection type \"" + type + "\".";
+}
+std::string missing(const std::string& key) { return "The setting \"" + key + "\" was not available."; }
+
+TEST(sensor_record, values_at_and_beyond_their_limits) {
+    std::vector<change> cases{
+        {port, "0", "Setting value 0 is less than the minimum of 1."}, {port, "1", ""}, {port, "65535", ""},
         {port, "65536", "Setting value 65536 is bigger than the maximum of 65535."},
-        {port, "48a", "Setting value 48a is invalid. The value is not an integer."},
-        {port, "", "bad optional access"},
-        {"credentials.connection_security.security_mode", "Sign", selection("Sign", "security_mode")},
+        {port, "48a", "Setting value 48a is invalid. The value is not an integer."}, {port, "", "bad optional access"},
+        {mode, "Sign", selection("Sign", "security_mode")},
         {"credentials.connection_security.security_policy", "basic256sha256", selection("basic256sha256", "security_policy")},
         {"logging", "Enabled", selection("Enabled", "logging")},
         // Digit forms belong to ipversion alone.
-        {"logging", "1", selection("1", "logging")},
-        {"ipversion", "2", selection("2", "ipversion")},
-        {"ipversion", "IPv", selection("IPv", "ipversion")},
+        {"logging", "1", selection("1", "logging")}, {"ipversion", "1", ""}, {"ipversion", "0", ""},
+        {"ipversion", "2", selection("2", "ipversion")}, {"ipversion", "IPv", selection("IPv", "ipversion")},
         {"ipversion", "", selection("", "ipversion")},
-        {"timeout", "-1", "Setting value -1 is less than the minimum of 0."},
-        {"interval", "0", "Setting value 0 is less than the minimum of 1."}};
+        {"timeout", "-1", "Setting value -1 is less than the minimum of 0."}, {"timeout", "0", ""},
+        {"interval", "0", "Setting value 0 is less than the minimum of 1."}, {"interval", std::nullopt, ""}};
     // Every key but interval is required, also those that the other settings make unused.
     for (std::string key : common_reads) {
         if (key.rfind("get_secure ", 0) == 0) key = key.substr(11);
         if (key != "interval") cases.push_back({key, std::nullopt, missing(key)});
     }
-    expect_failures(unsecured_source(), cases, [](const fake_source& s) { st::server_status_sensor{s}; });
+    expect_outcomes<st::server_status_sensor>(sensor_source(false), cases);
 
+    fake_source digits = sensor_source();
+    digits.set("interval", std::nullopt);
+    for (const auto& [form, version] : {std::pair{"1", st::ipversion::ipv6}, std::pair{"0", st::ipversion::ipv4}}) {
+        digits.set("ipversion", form);
+        const st::server_status_sensor r(digits);
+        EXPECT_EQ(version, r.base.ipversion);
+        EXPECT_EQ(60, r.base.interval) << "a missing interval takes its default";
+    }
     // Only a missing interval is forgiven: any other failure of the source leaves.
     struct broken_interval : fake_source {
         const std::string& get(const std::string& key) const override {
@@ -96,26 +266,7 @@ TEST(sensor_record, bad_or_missing_values_fail_with_their_text) {
         }
     } broken;
     static_cast<fake_source&>(broken) = sensor_source();
-    EXPECT_THROW(st::base_settings{broken}, std::runtime_error);
-}
-
-TEST(sensor_record, limits_and_digit_forms_are_accepted) {
-    fake_source source = sensor_source();
-    source.erase("interval");
-    const struct {
-        const char *port, *timeout, *ipversion;
-        st::ipversion expected;
-    } cases[] = {{"65535", "0", "1", st::ipversion::ipv6}, {"1", "20", "0", st::ipversion::ipv4}};
-    for (const auto& [port, timeout, ipversion, expected] : cases) {
-        source.set("credentials.connection_opcua.port", port);
-        source.set("timeout", timeout);
-        source.set("ipversion", ipversion);
-        const st::server_status_sensor r(source);
-        EXPECT_EQ(std::stoi(port), r.connection_opcua.port);
-        EXPECT_EQ(std::stoi(timeout), r.base.timeout);
-        EXPECT_EQ(expected, r.base.ipversion);
-        EXPECT_EQ(60, r.base.interval) << "only a missing interval takes its default";
-    }
+    EXPECT_THROW(st::server_status_sensor{broken}, std::runtime_error);
 }
 
 const std::string message_key = "custom.sensor_message_custom.nodeid";
@@ -148,14 +299,8 @@ TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
     }
     EXPECT_EQ(expected, source.reads);
     // Written out, so that a composed key cannot hide a wrong spelling.
-    EXPECT_EQ((std::vector<std::string>{"custom.connection_custom.channel10", "custom.connection_custom.channel10_settings",
-                                        "custom.connection_custom.channel10_name", "custom.connection_custom.channel10_unit",
-                                        "custom.connection_custom.channel10_scale_factor",
-                                        "custom.connection_custom.channel10_nodeid"}),
-              std::vector<std::string>(source.reads.end() - 6, source.reads.end()));
-
+    EXPECT_EQ(source.reads.back(), "custom.connection_custom.channel10_nodeid");
     EXPECT_EQ("ns=2;s=message", r.sensor_message_nodeid);
-    EXPECT_FALSE(r.channels[0].enabled.has_value());
     for (int n = 1; n <= 10; ++n) {
         const st::custom_channel& c = r.channels.at(static_cast<std::size_t>(n - 1));
         EXPECT_EQ(n == 1 ? std::nullopt : std::optional(n == 2 ? st::channel::enable : st::channel::disable), c.enabled) << n;
@@ -166,31 +311,94 @@ TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
     }
 }
 
-TEST(custom_sensor_record, limits_hold_without_cross_field_checks) {
-    const std::string n32(32, 'n');
-    fake_source source = custom_source();
-    source.set(key(3, "_name"), n32);
-    // A length counts characters: 31 and a degree sign are 32, in 33 bytes.
-    source.set(key(1, "_unit"), std::string(31, 'u') + "\u00b0");
-    source.set(key(2, "_name"), "");  // channel 2 names manually: the definition refuses an empty name
-    source.set(key(6, "_nodeid"), "'ns=2;s=a'[4]");  // array syntax is for the sensor to parse
-    const st::custom_sensor r(source);
-    EXPECT_EQ(r.channels[2].name, n32);
-    EXPECT_EQ(r.channels[1].name, "");
-    EXPECT_EQ(r.channels[5].nodeid, "'ns=2;s=a'[4]");
-    // Channels 3 to 10 are switched off: their values fail the record all the same.
+// No cross-field checks: channels 3 to 10 are switched off, and their values fail the
+// record all the same; an empty manual name is for the definition to refuse.
+TEST(custom_sensor_record, limits_of_every_channel) {
     const std::string too_long = "Setting's value with length 33 is longer than the maximum allowed length of 32.";
-    expect_failures(custom_source(),
-                    {{key(3, ""), "enabled", selection("enabled", "channel")},
-                     {key(10, ""), "", selection("", "channel")},
-                     {key(1, "_settings"), "Manual", selection("Manual", "channel_settings")},
-                     {key(5, "_name"), std::string(33, 'n'), too_long},
-                     {key(5, "_unit"), std::string(32, 'u') + "\u00b0", too_long},
-                     {key(6, "_scale_factor"), "", "bad optional access"},
-                     {key(6, "_scale_factor"), "1,5", "Setting value 1,5 is invalid. The value is not a number."},
-                     {key(2, ""), std::nullopt, missing(key(2, ""))},
-                     {message_key, std::nullopt, missing(message_key)}},
-                    [](const fake_source& s) { st::custom_sensor{s}; });
+    expect_outcomes<st::custom_sensor>(
+        custom_source(),
+        {{key(3, "_name"), std::string(32, 'n'), ""}, {key(2, "_name"), "", ""},
+         // A length counts characters: 31 and a degree sign are 32, in 33 bytes.
+         {key(1, "_unit"), std::string(31, 'u') + "\u00b0", ""},
+         {key(5, "_unit"), std::string(32, 'u') + "\u00b0", too_long}, {key(5, "_name"), std::string(33, 'n'), too_long},
+         {key(6, "_nodeid"), "'ns=2;s=a'[4]", ""},  // array syntax is for the sensor to parse
+         {key(3, ""), "enabled", selection("enabled", "channel")}, {key(10, ""), "", selection("", "channel")},
+         {key(1, "_settings"), "Manual", selection("Manual", "channel_settings")},
+         {key(6, "_scale_factor"), "", "bad optional access"},
+         {key(6, "_scale_factor"), "1,5", "Setting value 1,5 is invalid. The value is not a number."},
+         {key(2, ""), std::nullopt, missing(key(2, ""))}, {message_key, std::nullopt, missing(message_key)}});
+}
+
+std::size_t hash_of(const ua::client_settings& s) { return std::hash<ua::client_settings>{}(s); }
+
+TEST(client_settings, server_path_forms) {
+    const std::pair<std::string, std::string> accepted[] = {{"", ""}, {"/a/b", "a/b"}, {"a/b", "a/b"},
+                                                            {"/", ""}, {"a/", "a/"},    {"x", "x"}};
+    for (const auto& [text, path] : accepted) {
+        ua::client_settings s;
+        s.set_server_path(text);
+        EXPECT_EQ(path, s.server_path) << text;
+    }
+    for (const std::string text : {"a//b", "opc.tcp://x", "//", "/a//"})
+        EXPECT_EQ(what_of<ua::exceptions::invalid_servername>([&] { ua::client_settings().set_server_path(text); }),
+                  "The server path specified in the credentials is invalid.")
+            << text;
+}
+
+TEST(client_settings, mode_none_drops_the_client_credentials_from_the_key) {
+    fake_source empty = sensor_source(false);
+    for (const char* key : {"credentials.connection_security.client_certificate", "credentials.connection_security.client_key",
+                            "credentials.connection_security.client_key_password"})
+        empty.set(key, "");
+    const auto a = ua::create_client_settings(st::connection_check(sensor_source(false)));
+    const auto b = ua::create_client_settings(st::connection_check(empty));
+    EXPECT_TRUE(a.client_certificate.empty() && a.client_key.empty() && a.client_key_password.empty());
+    EXPECT_TRUE(a.user.empty() && a.password.empty());
+    EXPECT_EQ(st::security_policy::basic256sha256, a.security_policy) << "the policy stays stored";
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(hash_of(a), hash_of(b));
+
+    // On a value that already holds credentials, mode none empties them; anonymous keeps the user.
+    ua::client_settings s = ua::create_client_settings(st::server_status_sensor(sensor_source()));
+    const st::server_status_sensor none(sensor_source(false));
+    s.set_credentials(none.connection_security, none.user_authentication);
+    EXPECT_TRUE(s.client_certificate.empty() && s.client_key.empty() && s.client_key_password.empty());
+    EXPECT_EQ(st::user_auth_mode::anonymous, s.user_auth_mode);
+    EXPECT_EQ("operator", s.user);
+}
+
+TEST(client_settings, equality_and_hash_cover_eleven_fields) {
+    using s = ua::client_settings;
+    const std::vector<std::pair<const char*, std::function<void(s&)>>> keyed{
+        {"host", [](s& c) { c.host = "H"; }},
+        {"port", [](s& c) { c.port = 4842; }},
+        {"user", [](s& c) { c.user = "U"; }},
+        {"password", [](s& c) { c.password = secure_string("PW"); }},
+        {"server_path", [](s& c) { c.server_path = "P"; }},
+        {"client_certificate", [](s& c) { c.client_certificate = "C"; }},
+        {"client_key", [](s& c) { c.client_key = "K"; }},
+        {"client_key_password", [](s& c) { c.client_key_password = secure_string("KPW"); }},
+        {"security_mode", [](s& c) { c.security_mode = st::security_mode::sign_encrypt; }},
+        {"security_policy", [](s& c) { c.security_policy = st::security_policy::none; }},
+        {"user_auth_mode", [](s& c) { c.user_auth_mode = st::user_auth_mode::anonymous; }},
+        // Time-out and application name are no part of the key.
+        {nullptr, [](s& c) { c.timeout = 60, c.application_name = "Other"; }},
+    };
+    const s base = ua::create_client_settings(st::server_status_sensor(sensor_source()));
+    EXPECT_EQ(base.host + ":" + std::to_string(base.port) + "/" + base.server_path + " " + base.user + " " +
+                  base.password.str() + " " + base.client_certificate + " " + base.client_key + " " +
+                  base.client_key_password.str(),
+              "plc.example:4841/srv/ua operator user-pw CERT-PEM KEY-PEM key-pw");
+    EXPECT_EQ(5u, base.timeout) << "the base settings' timeout must not reach the client";
+    EXPECT_EQ("BrenholtOPCUA", base.application_name);
+    for (const auto& [name, modify] : keyed) {
+        s other = base;
+        modify(other);
+        const bool differs = name != nullptr;
+        EXPECT_EQ(base != other, differs) << (name ? name : "time-out");
+        EXPECT_EQ(!(base == other), differs) << (name ? name : "time-out");
+        EXPECT_EQ(hash_of(base) != hash_of(other), differs) << (name ? name : "time-out");
+    }
 }
 
 }  // namespace

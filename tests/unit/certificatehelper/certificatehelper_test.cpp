@@ -1,0 +1,327 @@
+// Certificates, keys, the validator and revocation lists, on a PKI made at run time.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <type_traits>
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include "libcertificatehelper/source/allocator.h"
+#include "libcertificatehelper/source/detail/openssl_handles.h"
+#include "libcertificatehelper/source/exceptions.h"
+#include "support/test_pki.h"
+#include "support/what_of.h"
+
+namespace {
+
+namespace ch = ::brenholt::monitoring_modules::libcertificatehelper;
+namespace ex = ch::exceptions;
+namespace pki = ::brenholt::monitoring_modules::test_pki;
+using namespace std::chrono_literals;
+using status = ch::verification_status;
+using test_support::what_of;
+
+const std::shared_ptr<const ch::allocator>& openssl() {
+    static const std::shared_ptr<const ch::allocator> instance = ch::make_openssl_allocator();
+    return instance;
+}
+
+std::shared_ptr<ch::certificate_interface> load(const pki::cert& certificate) {
+    return openssl()->make_certificate_from_pem(certificate.pem());
+}
+
+// A leaf certificate, its profile adjusted by `change`.
+pki::cert leaf(const std::function<void(pki::cert_profile&)>& change, const pki::cert* issuer = nullptr) {
+    pki::cert_profile profile = pki::leaf_profile("leaf");
+    change(profile);
+    return pki::make_cert(profile, issuer);
+}
+
+// Whether `what` is prefix followed by "<reason> (<code>)" with OpenSSL's own text for code.
+::testing::AssertionResult has_openssl_reason(const std::string& what, const std::string& prefix) {
+    const std::size_t open = what.rfind(" (");
+    if (what.compare(0, prefix.size(), prefix) != 0 || open == std::string::npos || what.back() != ')')
+        return ::testing::AssertionFailure() << "not '" << prefix << "<reason> (<code>)': " << what;
+    const char* reason = ERR_reason_error_string(std::strtoul(what.c_str() + open + 2, nullptr, 10));
+    if (reason == nullptr || what.substr(prefix.size(), open - prefix.size()) != reason)
+        return ::testing::AssertionFailure() << "reason does not belong to the code: " << what;
+    return ::testing::AssertionSuccess();
+}
+
+// Each test starts with an empty OpenSSL error queue, so error texts come from the test itself.
+class pki_test : public ::testing::Test {
+protected:
+    void SetUp() override { ERR_clear_error(); }
+    const pki::cert root = pki::make_cert(pki::ca_profile("Test Root"));
+    const pki::cert intermediate = pki::make_cert(pki::ca_profile("Test Intermediate", pki::rsa_key(2048, 3)), &root);
+    const pki::cert leaf_cert = pki::make_cert(pki::leaf_profile("leaf"), &intermediate);
+};
+
+TEST_F(pki_test, certificates_load_from_pem_and_der_alike_and_refuse_bad_input) {
+    const pki::cert named = leaf([](auto& p) { p.subject = {{"C", "DE"}, {"O", "Example Org"}, {"CN", "leaf"}}; }, &root);
+    for (const auto& loaded : {openssl()->make_certificate_from_pem(named.pem()), openssl()->make_certificate_from_der(named.der())}) {
+        EXPECT_EQ(loaded->to_der(), named.der());
+        // RFC 2253 order: the last encoded entry comes first.
+        EXPECT_EQ(loaded->get_subject(), "CN=leaf,O=Example Org,C=DE");
+        EXPECT_EQ(loaded->get_issuer(), "CN=Test Root");
+    }
+    EXPECT_EQ(openssl()->make_certificate_from_pem(root.pem() + named.pem())->get_common_name(), "Test Root");
+    const auto& a = openssl();
+    const std::string empty = "The provided certificate is empty. Enter a valid certificate.";
+    EXPECT_EQ(what_of<ex::certificate_empty>([&] { a->make_certificate_from_pem(""); }), empty);
+    EXPECT_EQ(what_of<ex::certificate_empty>([&] { a->make_certificate_from_der({}); }), empty);
+    EXPECT_EQ(what_of<ex::certificate_pem_invalid>([&] { a->make_certificate_from_pem(root.key().private_pem()); }),
+              "The provided certificate is not in valid PEM format.");
+    EXPECT_EQ(what_of<ex::certificate_der_invalid>([&] { a->make_certificate_from_der({0x30, 0x03, 0x02}); }),
+              "The provided certificate is not in a valid DER format.");
+}
+
+TEST_F(pki_test, common_names_are_raw_bytes_and_application_uris_come_from_the_alternative_names) {
+    // A BMPString keeps its UTF-16 bytes: no character set conversion.
+    const std::string bmp("\0A\0B", 4);
+    const auto two = load(leaf([&](auto& p) { p.subject = {{"CN", bmp, pki::string_type::bmp}, {"O", "Org"}, {"CN", "M\xC3\xBC"}}; }));
+    EXPECT_EQ(two->get_common_names(), (std::vector<std::string>{bmp, "M\xC3\xBC"}));
+    EXPECT_EQ(two->get_common_name(), bmp);
+    const auto none = load(leaf([](auto& p) { p.subject = {{"O", "No Common Name"}}; }));
+    EXPECT_TRUE(none->get_common_names().empty());
+    EXPECT_THROW(none->get_common_name(), std::out_of_range);
+
+    const std::pair<std::vector<std::string>, std::vector<std::string>> uris[] = {
+        {{"URI:urn:one", "DNS:b", "URI:urn:two"}, {"urn:one", "urn:two"}},
+        {{"DNS:host.example.com", "IP:192.0.2.1"}, {}},
+        // "URI:" anywhere in an entry counts, and the entry's first four bytes are dropped.
+        {{"DNS:URI:x"}, {"URI:x"}},
+        {{}, {}}};
+    for (const auto& [configured, expected] : uris)
+        EXPECT_EQ(load(leaf([&](auto& p) { p.subject_alt_names = configured; }))->get_application_uris(), expected)
+            << ::testing::PrintToString(configured);
+}
+
+TEST_F(pki_test, self_signed_needs_names_key_identifiers_and_signature) {
+    using id = pki::key_identifier;
+    const auto self = [](id subject, id authority, std::optional<pki::key_pair> signer = std::nullopt) {
+        return leaf([&](auto& p) { p.subject_key_id = subject; p.authority_key_id = authority; p.signing_key = signer; });
+    };
+    const pki::cert same_name_ca = pki::make_cert(pki::ca_profile("leaf"));
+    const std::pair<pki::cert, bool> cases[] = {
+        {self(id::derived(), id::derived()), true},
+        {self(id::absent(), id::absent()), true},
+        {self(id::derived(), id::absent()), true},
+        // Names match but the identifiers do not, however the signature stands.
+        {self(id::derived(), id::given({1, 2, 3, 4})), false},
+        // Equal names and matching identifiers, but another key signed it.
+        {self(id::derived(), id::derived(), pki::rsa_key(2048, 2)), false},
+        {leaf_cert, false},
+        {leaf([](auto& p) { p.subject_key_id = p.authority_key_id = id::absent(); }, &same_name_ca), false},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(load(cases[i].first)->is_self_signed(), cases[i].second) << "case " << i;
+}
+
+TEST_F(pki_test, key_type_bits_signature_size_and_data_encipherment) {
+    const struct {
+        pki::key_algorithm algorithm;
+        int rsa_bits;
+        ch::public_key_type type;
+        int bits, signature_size;  // 0: varies (ECDSA)
+    } cases[] = {
+        {pki::key_algorithm::rsa, 2048, ch::public_key_type::rsa, 2048, 256},
+        {pki::key_algorithm::rsa_pss, 1024, ch::public_key_type::rsa, 1024, 128},
+        {pki::key_algorithm::ec_p256, 0, ch::public_key_type::ec, 256, 0},
+        {pki::key_algorithm::ed25519, 0, ch::public_key_type::ed25519, 256, 64},
+        {pki::key_algorithm::ed448, 0, ch::public_key_type::ed448, 456, 114},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.bits);
+        const pki::cert made = leaf([&](auto& p) { p.key = pki::make_key(c.algorithm, c.rsa_bits); });
+        auto maker = ch::make_openssl_allocator();
+        const auto certificate = maker->make_certificate_from_pem(made.pem());
+        maker.reset();  // what an allocator made outlives the caller's handle
+        EXPECT_EQ(certificate->get_public_key_type(), c.type);
+        EXPECT_EQ(certificate->get_public_key_bits(), c.bits);
+        if (c.signature_size != 0) {
+            EXPECT_EQ(certificate->get_signature_size(), c.signature_size);
+        }
+        EXPECT_EQ(certificate->get_public_key()->to_der(), made.key().public_der());
+        EXPECT_TRUE(certificate->is_self_signed());
+    }
+    EXPECT_TRUE(load(leaf_cert)->supports_data_encipherment());
+    EXPECT_FALSE(load(leaf([](auto& p) { p.key_usage = "critical,digitalSignature,keyEncipherment"; }))->supports_data_encipherment());
+    EXPECT_FALSE(load(leaf([](auto& p) { p.key_usage.reset(); }))->supports_data_encipherment());
+}
+
+TEST_F(pki_test, days_until_expiry_are_whole_days_truncated_toward_zero) {
+    // Whole seconds, so that the certificate's notAfter is exact.
+    const auto now = std::chrono::time_point_cast<std::chrono::seconds>(std::chrono::system_clock::now());
+    const std::pair<std::chrono::seconds, int> cases[] = {{36h, 1},  {-36h, -1}, {23h, 0}, {-23h, 0},
+                                                          {24h, 1},  {pki::days(30), 30}, {-pki::days(400), -400}};
+    for (const auto& [until_not_after, days] : cases) {
+        const auto certificate = load(leaf([&](auto& p) { p.not_before = now - pki::days(500); p.not_after = now + until_not_after; }));
+        EXPECT_EQ(certificate->get_days_until_expiry(now), days) << until_not_after.count() << " s";
+        // A fraction of a second of `now` is dropped, not rounded.
+        EXPECT_EQ(certificate->get_days_until_expiry(now + 999ms), days) << until_not_after.count() << " s";
+    }
+}
+
+TEST_F(pki_test, private_keys_load_with_or_without_password) {
+    for (const pki::key_pair& key : {pki::rsa_key(), pki::make_key(pki::key_algorithm::ec_p256)}) {
+        EXPECT_EQ(openssl()->make_private_key(key.private_pem(), "")->to_der(), key.private_der());
+        // A password for a key that needs none is not looked at.
+        EXPECT_EQ(openssl()->make_private_key(key.private_pem(), "unused")->to_der(), key.private_der());
+        const std::string password = "s3cret, with: [odd] chars";
+        EXPECT_EQ(openssl()->make_private_key(key.private_pem_encrypted(password), password)->to_der(), key.private_der());
+    }
+    EXPECT_EQ(what_of<ex::private_key_empty>([] { openssl()->make_private_key("", "password"); }),
+              "Missing private key. Enter a valid private key.");
+    const std::string encrypted = pki::rsa_key().private_pem_encrypted("right");
+    const std::pair<std::string, const char*> bad[] = {
+        {encrypted, "wrong"}, {encrypted, ""}, {leaf_cert.pem(), ""}, {pki::rsa_key().private_pem().substr(0, 200), ""}};
+    for (const auto& [pem, password] : bad)
+        EXPECT_TRUE(has_openssl_reason(
+            what_of<ex::could_not_load_private_key>([&] { openssl()->make_private_key(pem, password); }),
+            "Failed to load the provided private key. "));
+}
+
+TEST_F(pki_test, chains_verify_against_a_trusted_root) {
+    // Made by an allocator whose handle is gone at once: the validator must keep it.
+    const auto validator = ch::make_openssl_allocator()->make_certificate_validator(false);
+    ASSERT_TRUE(validator->add_trusted(load(root)));
+    const pki::cert expired = leaf([](auto& p) {
+        p.not_before = pki::from_now(-pki::days(10)); p.not_after = pki::from_now(-std::chrono::hours(36));
+    }, &intermediate);
+    const pki::cert self_signed = pki::make_cert(pki::leaf_profile("self"));
+    const std::pair<std::vector<pki::cert>, status> cases[] = {
+        {{leaf_cert, intermediate}, status::valid},
+        {{leaf_cert}, status::untrusted},
+        {{self_signed}, status::untrusted},
+        {{expired, intermediate}, status::expired},
+        // An end-entity certificate that poses as an issuer.
+        {{pki::make_cert(pki::leaf_profile("leaf of leaf"), &leaf_cert), leaf_cert, intermediate}, status::failed}};
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        std::vector<std::shared_ptr<ch::certificate_interface>> chain;
+        for (const pki::cert& c : cases[i].first) chain.push_back(load(c));
+        const ch::verification_result result = validator->verify_chain(chain);
+        EXPECT_EQ(result.status, cases[i].second) << "case " << i;
+        EXPECT_EQ(result.root.has_value() ? (*result.root)->to_der() : pki::bytes{},
+                  cases[i].second == status::valid ? root.der() : pki::bytes{}) << "case " << i;
+    }
+    EXPECT_EQ(validator->verify_chain({nullptr}).status, status::empty);
+    EXPECT_TRUE(validator->add_trusted(load(self_signed)));
+    EXPECT_EQ(validator->verify(load(self_signed)).status, status::valid);
+}
+
+TEST_F(pki_test, revocation_lists_check_their_signature_and_look_for_issuer_and_serial) {
+    const pki::cert released = pki::make_cert(pki::leaf_profile("released"), &intermediate);
+    pki::crl_profile profile;
+    profile.revoked = {{leaf_cert.serial(), pki::reason_key_compromise}, {released.serial(), pki::reason_remove_from_crl}};
+    const pki::crl list = pki::make_crl(profile, intermediate);
+    const std::shared_ptr<ch::key_interface> key = openssl()->make_public_key(intermediate.key().public_der());
+    const auto loaded = openssl()->make_revocation_list_from_pem(list.pem(), key);
+    EXPECT_EQ(loaded->to_der(), list.der());
+    EXPECT_TRUE(loaded->is_revoked(*load(leaf_cert)));
+    // removeFromCRL lifts a hold: the certificate counts as not revoked.
+    EXPECT_FALSE(loaded->is_revoked(*load(released)));
+    EXPECT_FALSE(loaded->is_revoked(*load(pki::make_cert(pki::leaf_profile("good"), &intermediate))));
+    // Same serial as the listed one, but from another issuer.
+    EXPECT_FALSE(loaded->is_revoked(*load(leaf([&](auto& p) { p.serial = leaf_cert.serial(); }, &root))));
+
+    // A bad signature fails only when an issuer key is given.
+    profile.signing_key = pki::rsa_key(2048, 2);
+    const pki::bytes forged = pki::make_crl(profile, intermediate).der();
+    EXPECT_NO_THROW(openssl()->make_revocation_list_from_der(forged, std::nullopt));
+    EXPECT_TRUE(has_openssl_reason(what_of<ex::certificate_revocation_list_signature_verification_failed>(
+                                       [&] { openssl()->make_revocation_list_from_der(forged, key); }),
+                                   "Failed to verify the signature of the certificate revocation list. "));
+}
+
+// Dates beyond what the clock's nanoseconds hold come out at the nearest end of its range.
+TEST_F(pki_test, revocation_list_dates_outside_the_clock_range_are_clamped) {
+    using time_point = std::chrono::system_clock::time_point;
+    const pki::bytes key_der = pki::rsa_key().private_der();
+    const unsigned char* p = key_der.data();
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+        d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(key_der.size())), EVP_PKEY_free);
+    ASSERT_TRUE(key);
+    const std::pair<const char*, time_point> cases[] = {
+        {"19700101000001Z", time_point(std::chrono::seconds(1))},
+        {"22620411234716Z", time_point(std::chrono::seconds(9223372036))},
+        {"22620411234717Z", time_point::max()},
+        {"99991231235959Z", time_point::max()},
+        {"16000101000000Z", time_point::min()},
+    };
+    for (const auto& [date, expected] : cases) {
+        SCOPED_TRACE(date);
+        const std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)> crl(X509_CRL_new(), X509_CRL_free);
+        const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> time(ASN1_TIME_new(), ASN1_TIME_free);
+        ASSERT_TRUE(crl && time && ASN1_TIME_set_string(time.get(), date) == 1);
+        ASSERT_TRUE(X509_CRL_set1_lastUpdate(crl.get(), time.get()) == 1 &&
+                    X509_CRL_set1_nextUpdate(crl.get(), time.get()) == 1 &&
+                    X509_CRL_sign(crl.get(), key.get(), EVP_sha256()) > 0);
+        unsigned char* der = nullptr;
+        const int length = i2d_X509_CRL(crl.get(), &der);
+        ASSERT_GT(length, 0);
+        const pki::bytes bytes(der, der + length);
+        OPENSSL_free(der);
+        const auto loaded = openssl()->make_revocation_list_from_der(bytes, std::nullopt);
+        EXPECT_EQ(loaded->get_last_update(), expected);
+        EXPECT_EQ(loaded->get_next_update(), expected);
+    }
+}
+
+// The oldest error is named and taken, the rest stay; a code without text is unknown.
+TEST_F(pki_test, error_text_names_the_oldest_error_then_the_next) {
+    ERR_raise(ERR_LIB_X509, X509_R_CERT_ALREADY_IN_HASH_TABLE);
+    ERR_raise(ERR_LIB_USER, 4000);
+    const unsigned long first = ERR_PACK(ERR_LIB_X509, 0, X509_R_CERT_ALREADY_IN_HASH_TABLE);
+    EXPECT_EQ(ch::detail::openssl_error_text(), "cert already in hash table (" + std::to_string(first) + ")");
+    const unsigned long code = ERR_PACK(ERR_LIB_USER, 0, 4000);
+    ASSERT_EQ(ERR_reason_error_string(code), nullptr);
+    EXPECT_EQ(ch::detail::openssl_error_text(), "Unknown OpenSSL error (" + std::to_string(code) + ").");
+    EXPECT_EQ(ch::detail::openssl_error_text(), "Unknown OpenSSL error (0).");
+    // The validator's failures form a branch of their own beside the helper's root.
+    static_assert(std::is_base_of_v<ex::certificate_validator_exception, ex::store_ctx_init_failed> &&
+                  !std::is_base_of_v<ex::exception, ex::store_ctx_init_failed> &&
+                  std::is_base_of_v<ex::exception, ex::could_not_load_private_key>);
+}
+
+// An operation that fails inside and answers anyway, or raises, leaves no error of its
+// own queued: the next failure must be described by its own reason.
+TEST_F(pki_test, failing_operations_leave_the_error_queue_as_found) {
+    const pki::cert forged = leaf([](auto& p) { p.signing_key = pki::rsa_key(2048, 2); });
+    pki::crl_profile forged_list;
+    forged_list.signing_key = pki::rsa_key(2048, 2);
+    const pki::crl list = pki::make_crl(forged_list, root);
+    const std::shared_ptr<ch::certificate_interface> self = load(forged), issuer = load(root);
+    const std::shared_ptr<ch::key_interface> root_key = openssl()->make_public_key(root.key().public_der());
+    const auto validator = openssl()->make_certificate_validator(false);
+    const std::string bad_pem = "-----BEGIN X-----\n!!!!\n-----END X-----\n";
+    const std::vector<std::uint8_t> bad_der{0x30, 0x03, 0x02};
+    const std::string encrypted = pki::rsa_key().private_pem_encrypted("right");
+    const std::pair<const char*, std::function<void()>> operations[] = {
+        {"is_self_signed", [&] { EXPECT_FALSE(self->is_self_signed()); }},
+        {"verify_signature", [&] { EXPECT_FALSE(self->verify_signature(*issuer)); }},
+        {"verify", [&] { EXPECT_NE(validator->verify(self).status, status::valid); }},
+        {"certificate PEM", [&] { EXPECT_ANY_THROW(openssl()->make_certificate_from_pem(bad_pem)); }},
+        {"certificate DER", [&] { EXPECT_ANY_THROW(openssl()->make_certificate_from_der(bad_der)); }},
+        {"list PEM", [&] { EXPECT_ANY_THROW(openssl()->make_revocation_list_from_pem(bad_pem, std::nullopt)); }},
+        {"list DER", [&] { EXPECT_ANY_THROW(openssl()->make_revocation_list_from_der(bad_der, std::nullopt)); }},
+        {"list signature", [&] { EXPECT_ANY_THROW(openssl()->make_revocation_list_from_pem(list.pem(), root_key)); }},
+        {"private key", [&] { EXPECT_ANY_THROW(openssl()->make_private_key(leaf_cert.pem(), "")); }},
+    };
+    for (const auto& [name, operation] : operations) {
+        SCOPED_TRACE(name);
+        ERR_clear_error();
+        operation();
+        EXPECT_EQ(ERR_peek_error(), 0u);
+        const std::string what = what_of<ex::could_not_load_private_key>([&] { openssl()->make_private_key(encrypted, "wrong"); });
+        EXPECT_NE(what.find("bad decrypt"), std::string::npos) << what;
+        EXPECT_EQ(ERR_peek_error(), 0u) << "a key that does not load";
+    }
+}
+
+}  // namespace

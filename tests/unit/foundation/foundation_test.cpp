@@ -1,0 +1,179 @@
+// The formatter, the message catalogue and its exceptions, and the multiplexing log.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <regex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "libi18n/catalogue.h"
+#include "libi18n/exceptions.h"
+#include "libi18n/i18n.h"
+#include "liblog/log.h"
+#include "libstringutils/format.h"
+#include "libvurohelper/exceptions.h"
+
+namespace {
+
+namespace mm = ::brenholt::monitoring_modules;
+namespace su = mm::libstringutils;
+namespace cat = mm::libi18n::catalogue;
+namespace vx = mm::libvurohelper::utils::exceptions;
+namespace lg = mm::liblog;
+using mm::libi18n::i18n_exception;
+using mm::libi18n::i18n_msg;
+using mm::libi18n::make_msg;
+
+template <typename E>
+bool is(const std::exception& e) { return dynamic_cast<const E*>(&e) != nullptr; }
+
+const auto malformed = is<su::exceptions::format_string_error>;
+const auto too_high = is<su::exceptions::placeholder_index_not_in_arguments>;
+const char* const bad = "Malformed placeholder in format string.";
+
+TEST(format, results_and_errors) {
+    const struct {
+        std::string format;
+        std::vector<std::string> args;
+        std::string result;                       // the text, or the exception's what()
+        bool (*raises)(const std::exception&);  // null: no exception
+    } cases[] = {
+        {"", {"a", "b"}, "", nullptr},
+        {"%1:s %0:s", {"a", "b"}, "b a", nullptr},
+        {"100%%", {}, "100%", nullptr},
+        {"%%%0:s%%", {"x"}, "%x%", nullptr},
+        {"%00:s", {"a"}, "a", nullptr},
+        // A percent sign inside an argument is data, never syntax.
+        {"%0:s|%1:s", {"%", "%1:s"}, "%|%1:s", nullptr},
+        {"100%", {}, bad, malformed},
+        {"% 0:s", {"a"}, bad, malformed},
+        {"%-1:s", {"a"}, bad, malformed},
+        {"%%%", {}, bad, malformed},
+        {"%0:s", {}, "Index 0 is too high for argument list.", too_high},
+        {"%007:s", {"a"}, "Index 007 is too high for argument list.", too_high},
+        // Errors come in the order of the text: the first one ends the call.
+        {"%5:s then 50%", {"a"}, "Index 5 is too high for argument list.", too_high},
+        {"50% then %5:s", {"a"}, bad, malformed},
+        // Digits beyond a signed long overflow in the conversion itself.
+        {"%99999999999999999999:s", {"a"}, "stol", is<std::out_of_range>},
+        // Long texts take the same paths, without one stack frame per character.
+        {"%" + std::string(1u << 20, '0') + ":s", {"a"}, "a", nullptr},
+        {"%" + std::string(1u << 20, '9') + ":s", {"a"}, "stol", is<std::out_of_range>},
+        {"%" + std::string(1u << 20, '0'), {"a"}, bad, malformed},
+        {std::string(1u << 20, '%'), {}, std::string(1u << 19, '%'), nullptr},
+        {std::string(1u << 20, 'x') + "%0:s", {"a"}, std::string(1u << 20, 'x') + "a", nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.format.substr(0, 40));
+        try {
+            // The formatter is variadic: call it as a caller does, with that many arguments.
+            const std::string out = c.args.empty()       ? su::format(c.format)
+                                    : c.args.size() == 1 ? su::format(c.format, c.args[0])
+                                                         : su::format(c.format, c.args[0], c.args[1]);
+            EXPECT_EQ(c.raises, nullptr) << "no exception";
+            EXPECT_EQ(out, c.result);
+        } catch (const std::exception& e) {
+            EXPECT_TRUE(c.raises != nullptr && c.raises(e)) << typeid(e).name();
+            EXPECT_EQ(e.what(), c.result);
+        }
+    }
+    // A null character pointer is refused before the text is scanned.
+    const char* none = nullptr;
+    EXPECT_THROW(su::format("100%", none), std::logic_error);
+    EXPECT_THROW(su::format("%0:s", std::string("a"), none), std::logic_error);
+}
+
+// End-to-end results show keys with plain and comma-separated arguments; these are the rest.
+TEST(messages, encoded_key_escapes_arguments_and_text_keeps_them) {
+    EXPECT_EQ(mm::libi18n::escape_argument("100%;='\"a#b,c:d[e]f\\g\\\\"), "100%;='\"a\\#b\\,c\\:d\\[e\\]f\\\\g\\\\\\\\");
+    EXPECT_EQ(make_msg(cat::error_failed_to_parse_node_id, "", "").key, "#:error.failed_to_parse_node_id[,]");
+    // The catalogue key is not escaped, and a percent sign in an argument is data.
+    EXPECT_EQ(make_msg(mm::libi18n::i18n_template{"odd:key,#", "v=%0:s"}, "50%"), (i18n_msg("#:odd:key,#[50%]", "v=50%")));
+    // A plain string is neither encoded nor formatted.
+    EXPECT_EQ(i18n_msg("100%").key, "100%");
+    EXPECT_THROW(make_msg(cat::error_failed_to_parse_node_id, "only one"), su::exceptions::placeholder_index_not_in_arguments);
+}
+
+// Which catch point takes an exception, as the frame and the entry points catch them.
+template <typename Catch, typename Thrown>
+bool caught_as(const Thrown& thrown) {
+    try {
+        throw thrown;
+    } catch (const Catch&) {
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+TEST(messages, exception_tree_and_catalogue) {
+    const mm::libi18n::error_generic generic(std::string("boom, bang"));
+    EXPECT_STREQ(generic.what(), "An error occurred. boom, bang");
+    EXPECT_EQ(generic.get_i18n_msg().key, "#:libi18n.error.generic[boom\\, bang]");
+    // Caught here, the framework library's classes show that the tree holds across its boundary.
+    EXPECT_TRUE(caught_as<i18n_exception>(vx::setting_not_available("k")));
+    EXPECT_TRUE(caught_as<mm::libexception::exception>(vx::setting_not_available("k")));
+    EXPECT_TRUE(caught_as<vx::service_container_error>(vx::instance_not_available_key("T", "K")));
+    EXPECT_FALSE(caught_as<vx::service_container_error>(vx::setting_not_available("k")));
+    // invalid_lookup_value sits directly below i18n_exception, beside the framework's root.
+    EXPECT_FALSE(caught_as<vx::exception>(vx::invalid_lookup_value("7", "0, 1")));
+    // Formatter errors are library exceptions, but carry no translatable message.
+    static_assert(std::is_base_of_v<mm::libexception::exception, su::exceptions::format_string_error> &&
+                  !std::is_base_of_v<i18n_exception, su::exceptions::format_string_error>);
+
+    // Keys are unique, and the placeholders of a text are exactly 0..n-1, so n arguments format it.
+    std::set<std::string> keys;
+    const std::regex placeholder("%([0-9]+):s");
+    for (const auto* t : cat::all()) {
+        EXPECT_TRUE(keys.insert(t->key).second) << "duplicate " << t->key;
+        std::set<long> indices;
+        for (std::sregex_iterator it(t->text.begin(), t->text.end(), placeholder), end; it != end; ++it)
+            indices.insert(std::stol((*it)[1].str()));
+        EXPECT_EQ(indices.empty() ? -1 : *indices.rbegin(), static_cast<long>(indices.size()) - 1) << t->key;
+        EXPECT_NO_THROW(su::format_args(t->text, std::vector<std::string>(indices.size(), "x"))) << t->key;
+    }
+}
+
+struct throwing_logger : lg::log_interface {
+    void write(lg::severity, const std::string&) override { throw std::runtime_error("sink broken"); }
+};
+
+std::string texts(const lg::memory_logger& log) {
+    std::string out;
+    for (const auto& [level, text] : log.entries()) out += std::to_string(level) + ":" + text + ";";
+    return out;
+}
+
+TEST(multiplex_logger, children_get_lines_up_to_their_limit_are_held_weakly_and_may_throw) {
+    auto all = std::make_shared<lg::memory_logger>(), errors = std::make_shared<lg::memory_logger>(),
+         mortal = std::make_shared<lg::memory_logger>();
+    lg::multiplex_logger mux;
+    mux.add(all, lg::info);
+    mux.add(all, lg::debug);  // adding again keeps one entry, with the second limit
+    mux.add(errors, lg::error);
+    mux.add(mortal, lg::debug);
+    mux.add(nullptr, lg::debug);
+    mux.add(lg::null_logger::instance(), lg::debug);  // kept, never written to
+    EXPECT_EQ(mux.size(), 4u);
+    for (lg::severity s : {lg::emergency, lg::error, lg::warning, lg::info, lg::debug}) mux.write(s, "x");
+    EXPECT_EQ(texts(*all), "0:x;3:x;4:x;6:x;7:x;");
+    EXPECT_EQ(texts(*errors), "0:x;3:x;");
+    mortal.reset();  // the multiplexer holds nobody alive
+    EXPECT_EQ(mux.size(), 4u) << "only a write prunes a dead child";
+    mux.write(lg::info, "after");
+    EXPECT_EQ(mux.size(), 3u);
+
+    auto bad = std::make_shared<throwing_logger>();
+    mux.add(bad, lg::debug);
+    EXPECT_THROW(mux.write(lg::debug, "y"), std::runtime_error);
+    // Would deadlock if the exception had left the mutex held.
+    mux.remove(bad);
+    mux.write(lg::debug, "z");
+    EXPECT_EQ(texts(*errors), "0:x;3:x;");
+    EXPECT_EQ(texts(*all).substr(texts(*all).size() - 4), "7:z;");
+}
+
+}  // namespace
