@@ -195,78 +195,13 @@ using record_types = ::testing::Types<st::server_status_sensor, st::certificate_
 TYPED_TEST_SUITE(every_record, record_types);
 
 TYPED_TEST(every_record, reads_every_key_once_in_fixed_order) {
-    const fake_source source = sensor_source(false);
+    fake_source source = sensor_source(false);
+    source.set("ipversion", "0");
     const TypeParam r(source);
     EXPECT_EQ(common_reads, source.reads);
     EXPECT_EQ("CERT-PEM", r.connection_security.client_certificate);
     EXPECT_EQ("api-key", r.base.brenholtcloudapikey.str());
-}
-
-struct change {
-    std::string key;
-    std::optional<std::string> value;  // nullopt: the key is missing
-    std::string text;                  // what the record throws; "": it is accepted
-};
-
-// Each text belongs to one failure class, so the text also tells the class.
-template <typename Record>
-void expect_outcomes(const fake_source& base, const std::vector<change>& cases) {
-    for (const auto& c : cases) {
-        fake_source source = base;
-        source.set(c.key, c.value);
-        std::string what;
-        try {
-            Record{source};
-        } catch (const std::exception& e) {
-            what = e.what();
-        }
-        EXPECT_EQ(c.text, what) << c.key << " = " << c.value.value_or("<missing>");
-    }
-}
-
-std::string selection(const std::string& value, const std::string& type) {
-    return "Value \"" + value + "\" could not be parsed into selection type \"" + type + "\".";
-}
-std::string missing(const std::string& key) { return "The setting \"" + key + "\" was not available."; }
-
-TEST(sensor_record, values_at_and_beyond_their_limits) {
-    std::vector<change> cases{
-        {port, "0", "Setting value 0 is less than the minimum of 1."}, {port, "1", ""}, {port, "65535", ""},
-        {port, "65536", "Setting value 65536 is bigger than the maximum of 65535."},
-        {port, "48a", "Setting value 48a is invalid. The value is not an integer."}, {port, "", "bad optional access"},
-        {mode, "Sign", selection("Sign", "security_mode")},
-        {"credentials.connection_security.security_policy", "basic256sha256", selection("basic256sha256", "security_policy")},
-        {"logging", "Enabled", selection("Enabled", "logging")},
-        // Digit forms belong to ipversion alone.
-        {"logging", "1", selection("1", "logging")}, {"ipversion", "1", ""}, {"ipversion", "0", ""},
-        {"ipversion", "2", selection("2", "ipversion")}, {"ipversion", "IPv", selection("IPv", "ipversion")},
-        {"ipversion", "", selection("", "ipversion")},
-        {"timeout", "-1", "Setting value -1 is less than the minimum of 0."}, {"timeout", "0", ""},
-        {"interval", "0", "Setting value 0 is less than the minimum of 1."}, {"interval", std::nullopt, ""}};
-    // Every key but interval is required, also those that the other settings make unused.
-    for (std::string key : common_reads) {
-        if (key.rfind("get_secure ", 0) == 0) key = key.substr(11);
-        if (key != "interval") cases.push_back({key, std::nullopt, missing(key)});
-    }
-    expect_outcomes<st::server_status_sensor>(sensor_source(false), cases);
-
-    fake_source digits = sensor_source();
-    digits.set("interval", std::nullopt);
-    for (const auto& [form, version] : {std::pair{"1", st::ipversion::ipv6}, std::pair{"0", st::ipversion::ipv4}}) {
-        digits.set("ipversion", form);
-        const st::server_status_sensor r(digits);
-        EXPECT_EQ(version, r.base.ipversion);
-        EXPECT_EQ(60, r.base.interval) << "a missing interval takes its default";
-    }
-    // Only a missing interval is forgiven: any other failure of the source leaves.
-    struct broken_interval : fake_source {
-        const std::string& get(const std::string& key) const override {
-            if (key == "interval") throw std::runtime_error("source broken");
-            return fake_source::get(key);
-        }
-    } broken;
-    static_cast<fake_source&>(broken) = sensor_source();
-    EXPECT_THROW(st::server_status_sensor{broken}, std::runtime_error);
+    EXPECT_EQ(st::ipversion::ipv4, r.base.ipversion);
 }
 
 const std::string message_key = "custom.sensor_message_custom.nodeid";
@@ -274,7 +209,7 @@ std::string key(int n, const std::string& field) { return "custom.connection_cus
 
 // Channel 2 switched on, 3 to 10 off but filled, so each channel's values can be told apart.
 fake_source custom_source() {
-    fake_source s = sensor_source();
+    fake_source s = sensor_source(false);
     s.plain[message_key] = "ns=2;s=message";
     for (int n = 1; n <= 10; ++n) {
         if (n != 1) s.plain[key(n, "")] = n == 2 ? "enable" : "disable";
@@ -290,6 +225,8 @@ fake_source custom_source() {
 TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
     fake_source source = custom_source();
     source.plain[key(1, "")] = "garbage";  // channel 1 has no switch: never looked up
+    source.set("interval", std::nullopt);  // older probes send none
+    source.set("ipversion", "1");
     const st::custom_sensor r(source);
     std::vector<std::string> expected = common_reads;
     expected.push_back(message_key);
@@ -298,9 +235,9 @@ TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
         for (const char* field : {"_settings", "_name", "_unit", "_scale_factor", "_nodeid"}) expected.push_back(key(n, field));
     }
     EXPECT_EQ(expected, source.reads);
-    // Written out, so that a composed key cannot hide a wrong spelling.
-    EXPECT_EQ(source.reads.back(), "custom.connection_custom.channel10_nodeid");
-    EXPECT_EQ("ns=2;s=message", r.sensor_message_nodeid);
+    EXPECT_EQ(source.reads.back(), "custom.connection_custom.channel10_nodeid") << "a composed key can hide a misspelling";
+    EXPECT_EQ(std::to_string(r.base.interval) + " " + std::to_string(r.base.timeout) + " " + r.sensor_message_nodeid, "60 20 ns=2;s=message");
+    EXPECT_EQ(st::ipversion::ipv6, r.base.ipversion);
     for (int n = 1; n <= 10; ++n) {
         const st::custom_channel& c = r.channels.at(static_cast<std::size_t>(n - 1));
         EXPECT_EQ(n == 1 ? std::nullopt : std::optional(n == 2 ? st::channel::enable : st::channel::disable), c.enabled) << n;
@@ -311,22 +248,67 @@ TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
     }
 }
 
-// No cross-field checks: channels 3 to 10 are switched off, and their values fail the
-// record all the same; an empty manual name is for the definition to refuse.
-TEST(custom_sensor_record, limits_of_every_channel) {
+std::string selection(const std::string& value, const std::string& type) {
+    return "Value \"" + value + "\" could not be parsed into selection type \"" + type + "\".";
+}
+std::string invalid(const std::string& value, const char* why) { return "Setting value " + value + " is invalid. The value is " + why; }
+std::string missing(const std::string& key) { return "The setting \"" + key + "\" was not available."; }
+
+// One setting changed (nullopt: missing) and what the record then throws, or "" when it is
+// accepted. Each text belongs to one failure class, so the text also tells the class. No
+// cross-field checks: switched-off channels fail the record all the same, and an empty
+// manual name is for the definition to refuse.
+TEST(custom_sensor_record, values_at_and_beyond_their_limits) {
     const std::string too_long = "Setting's value with length 33 is longer than the maximum allowed length of 32.";
-    expect_outcomes<st::custom_sensor>(
-        custom_source(),
-        {{key(3, "_name"), std::string(32, 'n'), ""}, {key(2, "_name"), "", ""},
-         // A length counts characters: 31 and a degree sign are 32, in 33 bytes.
-         {key(1, "_unit"), std::string(31, 'u') + "\u00b0", ""},
-         {key(5, "_unit"), std::string(32, 'u') + "\u00b0", too_long}, {key(5, "_name"), std::string(33, 'n'), too_long},
-         {key(6, "_nodeid"), "'ns=2;s=a'[4]", ""},  // array syntax is for the sensor to parse
-         {key(3, ""), "enabled", selection("enabled", "channel")}, {key(10, ""), "", selection("", "channel")},
-         {key(1, "_settings"), "Manual", selection("Manual", "channel_settings")},
-         {key(6, "_scale_factor"), "", "bad optional access"},
-         {key(6, "_scale_factor"), "1,5", "Setting value 1,5 is invalid. The value is not a number."},
-         {key(2, ""), std::nullopt, missing(key(2, ""))}, {message_key, std::nullopt, missing(message_key)}});
+    struct change { std::string key; std::optional<std::string> value; std::string text; };
+    std::vector<change> cases{
+        {port, "0", "Setting value 0 is less than the minimum of 1."}, {port, "1", ""}, {port, "65535", ""},
+        {port, "65536", "Setting value 65536 is bigger than the maximum of 65535."}, {port, "", "bad optional access"},
+        {port, "48a", invalid("48a", "not an integer.")}, {port, " 5", invalid(" 5", "not an integer.")},
+        {port, "9223372036854775808", invalid("9223372036854775808", "out of the range of a 64-bit integer.")},
+        {"timeout", "-1", "Setting value -1 is less than the minimum of 0."}, {"timeout", "0", ""},
+        {"timeout", "9223372036854775807", ""}, {"interval", "0", "Setting value 0 is less than the minimum of 1."},
+        {"host", std::string(5000, 'h'), ""}, {mode, "Sign", selection("Sign", "security_mode")},
+        {"credentials.connection_security.security_policy", "basic256sha256", selection("basic256sha256", "security_policy")},
+        // Digit forms belong to ipversion alone.
+        {"logging", "Enabled", selection("Enabled", "logging")}, {"logging", "1", selection("1", "logging")},
+        {"ipversion", "2", selection("2", "ipversion")}, {"ipversion", "IPv", selection("IPv", "ipversion")},
+        {"ipversion", "", selection("", "ipversion")},
+        {key(3, "_name"), std::string(32, 'n'), ""}, {key(2, "_name"), "", ""},
+        // A length counts characters: 31 and a degree sign are 32, in 33 bytes.
+        {key(1, "_unit"), std::string(31, 'u') + "\u00b0", ""},
+        {key(5, "_unit"), std::string(32, 'u') + "\u00b0", too_long}, {key(5, "_name"), std::string(33, 'n'), too_long},
+        {key(6, "_nodeid"), "'ns=2;s=a'[4]", ""},  // array syntax is for the sensor to parse
+        {key(3, ""), "enabled", selection("enabled", "channel")}, {key(10, ""), "", selection("", "channel")},
+        {key(1, "_settings"), "Manual", selection("Manual", "channel_settings")},
+        {key(6, "_scale_factor"), "", "bad optional access"}, {key(6, "_scale_factor"), "1,5", invalid("1,5", "not a number.")},
+        {key(6, "_scale_factor"), "nan", invalid("nan", "not a number.")}, {key(2, ""), std::nullopt, missing(key(2, ""))},
+        {message_key, std::nullopt, missing(message_key)}, {"interval", std::nullopt, ""}};
+    // Every key but interval is required, also those that the other settings make unused.
+    for (std::string k : common_reads) {
+        k = k.substr(k.find(' ') + 1);  // without "get_secure "
+        if (k != "interval") cases.push_back({k, std::nullopt, missing(k)});
+    }
+    for (const auto& c : cases) {
+        fake_source source = custom_source();
+        source.set(c.key, c.value);
+        std::string what;
+        try {
+            st::custom_sensor{source};
+        } catch (const std::exception& e) {
+            what = e.what();
+        }
+        EXPECT_EQ(c.text, what) << c.key << " = " << c.value.value_or("<missing>");
+    }
+    // Only a missing interval is forgiven: any other failure of the source leaves.
+    struct broken_interval : fake_source {
+        const std::string& get(const std::string& key) const override {
+            if (key == "interval") throw std::runtime_error("source broken");
+            return fake_source::get(key);
+        }
+    } broken;
+    static_cast<fake_source&>(broken) = sensor_source();
+    EXPECT_THROW(st::server_status_sensor{broken}, std::runtime_error);
 }
 
 std::size_t hash_of(const ua::client_settings& s) { return std::hash<ua::client_settings>{}(s); }
