@@ -61,7 +61,8 @@ protected:
 
 // What is read of a certificate, in one line: key type (1 RSA, 3 EC, 5 Ed25519, 6 Ed448),
 // bits and signature size (ECDSA's varies), whether it is self-signed and allows data
-// encipherment, its common names and its application URIs.
+// encipherment, its common names and its application URIs. The client's tests show how
+// several URIs and a key usage without data encipherment come out.
 std::string summary(const pki::cert& made) {
     auto maker = ch::make_openssl_allocator();
     const auto c = maker->make_certificate_from_pem(made.pem());
@@ -82,7 +83,6 @@ TEST_F(pki_test, what_is_read_of_a_certificate) {
         return leaf([&](auto& p) { p.subject_key_id = subject; p.authority_key_id = authority; p.signing_key = signer; });
     };
     const auto with_key = [](pki::key_algorithm algorithm, int bits = 0) { return leaf([&](auto& p) { p.key = pki::make_key(algorithm, bits); }); };
-    const auto with_names = [](std::vector<std::string> names) { return leaf([&](auto& p) { p.subject_alt_names = names; }); };
     const pki::cert same_name_ca = pki::make_cert(pki::ca_profile("leaf"));
     const std::string bmp("\0A\0B", 4);
     const std::pair<pki::cert, std::string> cases[] = {
@@ -99,21 +99,18 @@ TEST_F(pki_test, what_is_read_of_a_certificate) {
         {with_key(pki::key_algorithm::ec_p256), "3 256  self-signed enciphers CN=leaf"},
         {with_key(pki::key_algorithm::ed25519), "5 256 64 self-signed enciphers CN=leaf"},
         {with_key(pki::key_algorithm::ed448), "6 456 114 self-signed enciphers CN=leaf"},
-        {leaf([](auto& p) { p.key_usage = "critical,digitalSignature,keyEncipherment"; }), "1 2048 256 self-signed CN=leaf"},
         {leaf([](auto& p) { p.key_usage.reset(); }), "1 2048 256 self-signed CN=leaf"},
         // A BMPString keeps its UTF-16 bytes: no character set conversion.
         {leaf([&](auto& p) { p.subject = {{"CN", bmp, pki::string_type::bmp}, {"O", "Org"}, {"CN", "M\xC3\xBC"}}; }),
          "1 2048 256 self-signed enciphers CN=" + bmp + " CN=M\xC3\xBC"},
         {leaf([](auto& p) { p.subject = {{"O", "No Common Name"}}; }), "1 2048 256 self-signed enciphers"},
-        {with_names({"URI:urn:one", "DNS:b", "URI:urn:two"}), "1 2048 256 self-signed enciphers CN=leaf urn:one urn:two"},
-        {with_names({"DNS:host.example.com", "IP:192.0.2.1"}), "1 2048 256 self-signed enciphers CN=leaf"},
         // "URI:" anywhere in an entry counts, and the entry's first four bytes are dropped.
-        {with_names({"DNS:URI:x"}), "1 2048 256 self-signed enciphers CN=leaf URI:x"},
+        {leaf([](auto& p) { p.subject_alt_names = {"DNS:URI:x"}; }), "1 2048 256 self-signed enciphers CN=leaf URI:x"},
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(summary(cases[i].first), cases[i].second) << "case " << i;
     EXPECT_EQ(load(cases[0].first)->get_common_name(), "leaf");
-    EXPECT_EQ(load(cases[13].first)->get_common_name(), bmp);
-    EXPECT_THROW(load(cases[14].first)->get_common_name(), std::out_of_range);
+    EXPECT_EQ(load(cases[12].first)->get_common_name(), bmp);
+    EXPECT_THROW(load(cases[13].first)->get_common_name(), std::out_of_range);
 }
 
 TEST_F(pki_test, certificates_load_from_pem_and_der_alike_and_refuse_bad_input) {

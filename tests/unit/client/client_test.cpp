@@ -45,14 +45,11 @@ const std::string bad_decoding = ",BadDecodingError]";
 TEST(node_id, texts_the_library_reads_render_without_namespace) {
     const std::pair<std::string, std::string> cases[] = {
         {"ns=1;s=Temp", "1 s=Temp"},
-        {"i=4294967295", "0 i=4294967295"},
         {"ns=1;s=", "1 s="},
         // A zero byte ends the text.
         {std::string("ns=3;s=abc\0def", 14), "3 s=abc"},
         {"ns=1;g=09087e75-8e5e-499b-954f-f2a9603db28a", "#:error.unsupported_identifier_type[]"},
-        {"ns=1;b=M/RbKBsRVkePCePcx24oRA==", "#:error.unsupported_identifier_type[]"},
         {"ns=1;x=Temp", "#:error.failed_to_parse_node_id[ns=1;x=Temp" + bad_decoding},
-        {" ns=1;i=5", "#:error.failed_to_parse_node_id[ ns=1;i=5" + bad_decoding},
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(outcome([&] {
@@ -162,21 +159,17 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
         std::uint64_t index;
         std::string expected;
     } cases[] = {
+        // The ends of the ranges; the end-to-end suites read every kind at ordinary values.
         {"Int64 min", scalar<UA_Int64>(INT64_MIN, UA_TYPES_INT64), as_its_kind, 0, "integer -9223372036854775808"},
-        {"UInt64 at the limit", scalar<UA_UInt64>(INT64_MAX, UA_TYPES_UINT64), as_its_kind, 0, "integer 9223372036854775807"},
         {"UInt64 past it", scalar<UA_UInt64>(above_int64, UA_TYPES_UINT64), as_its_kind, 0, "#:error.value_overflow[]"},
-        {"UInt64 array", array<UA_UInt64>(UA_TYPES_UINT64, {1, above_int64}), as_its_kind, 0, "integer 1"},
         {"UInt64 array past it", array<UA_UInt64>(UA_TYPES_UINT64, {1, above_int64}), as_integer, 1, "#:error.value_overflow[]"},
         // DateTime counts 100 ns steps; whole seconds, truncated toward zero.
-        {"DateTime", scalar<UA_DateTime>(133000000000000000LL, UA_TYPES_DATETIME), as_its_kind, 0, "integer 13300000000"},
         {"DateTime -1", scalar<UA_DateTime>(-1, UA_TYPES_DATETIME), as_its_kind, 0, "integer 0"},
         {"DateTime -1.5 s", scalar<UA_DateTime>(-15000000, UA_TYPES_DATETIME), as_its_kind, 0, "integer -1"},
         {"DateTime array", array<UA_DateTime>(UA_TYPES_DATETIME, {0, 20000000}), as_its_kind, 1, "integer 2"},
         {"EnumValueType", scalar(seven, UA_TYPES_ENUMVALUETYPE), as_its_kind, 0, "integer -7"},
-        {"SByte array", array<UA_SByte>(UA_TYPES_SBYTE, {1, -2, -128}), as_its_kind, 2, "integer -128"},
         {"Float", scalar<UA_Float>(0.1f, UA_TYPES_FLOAT), as_its_kind, 0, "floatingpoint 0.10000000149011612"},
         {"Float NaN", scalar<UA_Float>(NAN, UA_TYPES_FLOAT), as_its_kind, 0, "floatingpoint nan"},
-        {"Boolean", scalar<UA_Boolean>(false, UA_TYPES_BOOLEAN), as_its_kind, 0, "boolean false"},
         {"Boolean array", array<UA_Boolean>(UA_TYPES_BOOLEAN, {false, true}), as_its_kind, 1, "boolean true"},
         {"String with a zero", scalar(ua_string("a\0b", 3), UA_TYPES_STRING), as_its_kind, 0, std::string("string a\0b", 10)},
         {"null String", scalar(UA_STRING_NULL, UA_TYPES_STRING), as_its_kind, 0, "string "},
@@ -199,25 +192,20 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
         {"empty", variant_ptr(UA_Variant_new(), &UA_Variant_delete), check_array, 0, not_set},
         {"empty", variant_ptr(UA_Variant_new(), &UA_Variant_delete), as_integer, 3, not_set},
         {"empty", variant_ptr(UA_Variant_new(), &UA_Variant_delete), as_string, 7, ""},
-        {"scalar", scalar<UA_Int32>(1, UA_TYPES_INT32), check_scalar, 0, "scalar"},
         {"scalar", scalar<UA_Int32>(1, UA_TYPES_INT32), check_array, 0, not_array},
         {"five", array<UA_Int32>(UA_TYPES_INT32, {1, 2, 3, 4, 5}), check_scalar, 0, not_scalar},
         {"no elements", array(UA_TYPES_INT32), check_scalar, 0, not_scalar},
         {"no elements", array(UA_TYPES_INT32), check_array, 0, "array"},
-        // Index 0 passes the scalar test, a higher one does not; then the bounds.
-        {"scalar", scalar<UA_Int32>(1, UA_TYPES_INT32), check_index, 0, "in range"},
+        // Index 0 passes the scalar test (as every scalar read shows), a higher one does not; then the bounds.
         {"scalar", scalar<UA_Int32>(1, UA_TYPES_INT32), check_index, 3, not_array},
-        {"five", array<UA_Int32>(UA_TYPES_INT32, {1, 2, 3, 4, 5}), check_index, 4, "in range"},
         {"five", array<UA_Int32>(UA_TYPES_INT32, {1, 2, 3, 4, 5}), check_index, 5, bounds + "5,5]"},
         {"five", array<UA_Int32>(UA_TYPES_INT32, {1, 2, 3, 4, 5}), check_index, UINT64_MAX, bounds + "18446744073709551615,5]"},
         // The kind is tested before the index, the index before the value.
         {"Double at 3", scalar<UA_Double>(1.0, UA_TYPES_DOUBLE), as_integer, 3, mismatch + "floatingpoint,integer]"},
         {"UInt64 past at 1", array<UA_UInt64>(UA_TYPES_UINT64, {above_int64}), as_integer, 1, bounds + "1,1]"},
-        // An empty array has no element 0 to read, of any kind.
+        // An empty array has no element 0 to read, whatever its kind.
         {"no Boolean", array(UA_TYPES_BOOLEAN), as_its_kind, 0, bounds + "0,0]"},
-        {"no Int64", array(UA_TYPES_INT64), as_its_kind, 0, bounds + "0,0]"},
         {"no Double", array(UA_TYPES_DOUBLE), as_its_kind, 0, bounds + "0,0]"},
-        {"no String", array(UA_TYPES_STRING), as_its_kind, 0, bounds + "0,0]"},
     };
     for (const auto& c : cases) EXPECT_EQ(outcome([&] { return read(*c.v, c.r, c.index); }), c.expected) << c.name;
 }
