@@ -1,23 +1,22 @@
-// The framework library: wire messages, sensor data, setting parsers, the service
-// container and log files. Wire bytes are decoded with the protobuf classes that
-// libVuroHelper.so exports, never with a second copy of the schema.
+// The framework library: wire messages, sensor data, the service container and log
+// files. Wire bytes are decoded with the protobuf classes that libVuroHelper.so exports,
+// never with a second copy of the schema.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <tuple>
 #include <iterator>
 #include <memory>
 #include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <typeinfo>
 #include <unordered_map>
 #include <vector>
@@ -37,11 +36,12 @@
 
 namespace {
 
-namespace mm = ::brenholt::monitoring_modules;
-namespace vh = mm::libvurohelper;
+namespace vh = ::brenholt::monitoring_modules::libvurohelper;
 namespace vx = vh::utils::exceptions;
 namespace wire = ::brenholt::vuro::wire;
-namespace lg = mm::liblog;
+namespace lg = ::brenholt::monitoring_modules::liblog;
+namespace fs = std::filesystem;
+using i18n_msg = ::brenholt::monitoring_modules::libi18n::i18n_msg;
 using test_support::what_of;
 using vh::messaging::message_type;
 
@@ -68,17 +68,16 @@ TEST(wire, scan_results_hold_what_was_set_in_protobufs_bytes) {
         o.value_mode = mode;
         map->register_definition(o);
     }
-    const auto before = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::system_clock::now().time_since_epoch());
+    const auto before = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch());
     vh::responses::sensor_scan_result full(7, map), zeros(-3, map), plain(0, map);
-    full.set_response_message(mm::libi18n::i18n_msg("#:k[a]", "text a")).set_error_code(5);
+    full.set_response_message(i18n_msg("#:k[a]", "text a")).set_error_code(5);
     full.set_response_code(vh::responses::scan_response_codes::warning).set_value(1, 42L).set_value(2, 2.5).set_value(3, -9L);
     // Values must match a defined channel and its mode.
     EXPECT_THROW(full.set_value(1, 1.5), vx::invalid_channel_mode);
     EXPECT_THROW(full.set_value(9, 1L), vx::channel_not_defined);
-    zeros.set_response_message(mm::libi18n::i18n_msg("#:k[a]", "")).set_error_code(-1);
+    zeros.set_response_message(i18n_msg("#:k[a]", "")).set_error_code(-1);
     zeros.set_value(1, 0L).set_value(2, 0.0).set_value(2, -0.0).set_value(3, -9L).set_value(1, 1L << 40);
-    plain.set_response_message(mm::libi18n::i18n_msg("", ""));
+    plain.set_response_message(i18n_msg("", ""));
     const vh::responses::sensor_scan_result failed(12, std::runtime_error("boom"));
     const std::pair<const vh::responses::sensor_scan_result*, const char*> cases[] = {
         {&full, R"(sensor_id: 7 message { key: "#:k[a]" text: "text a" } error_code: 5 response_code: 1
@@ -105,7 +104,7 @@ TEST(wire, scan_results_hold_what_was_set_in_protobufs_bytes) {
 }
 
 // What end-to-end runs do not show: the defaults and the options no sensor of the module
-// sets apart, the module information without texts, and the size limit.
+// sets apart, the keys kept without texts, and the size limit.
 TEST(wire, channel_options_module_information_and_the_size_limit) {
     vh::channels::dynamic_channel_options o;
     auto d = decode<wire::DynamicChannel>(vh::channels::dynamic_channel(1, o).serialize(), wire::DYNAMIC_CHANNEL);
@@ -118,17 +117,12 @@ TEST(wire, channel_options_module_information_and_the_size_limit) {
     EXPECT_EQ(std::make_tuple(d.sensor_id(), d.size_unit(), d.scale_factor(), d.upper_error_limit().is_set(),
                               d.upper_error_limit().value()),
               std::make_tuple(33, 8, 0.5, true, 400.0));
-
-    const std::string def = R"({"Revision":3,"MetaData":{"z":1,"a":{"Text":"nested"}},"Text":{"en":{"k":"v"}},"Lookups":{}})";
-    for (bool texts : {true, false}) {
-        const auto info = decode<wire::ModuleInformation>(vh::messaging::module_information_message(def, texts).serialize(),
-                                                          wire::MODULE_INFORMATION);
-        EXPECT_EQ(info.include_texts(), texts);
-        // Only the top-level Text goes; the order of the other keys stays.
-        EXPECT_EQ(info.definition(), texts ? def : R"({"Revision":3,"MetaData":{"z":1,"a":{"Text":"nested"}},"Lookups":{}})");
-    }
-    EXPECT_THROW(vh::messaging::module_information_message("{not json", false).serialize(),
-                 vx::create_protobuf_from_json_failed);
+    // Only the top-level Text goes; the order of the other keys stays.
+    const auto info = decode<wire::ModuleInformation>(
+        vh::messaging::module_information_message(R"({"Revision":3,"MetaData":{"z":1,"a":{"Text":"nested"}},"Text":{"en":{}},"Lookups":{}})",
+                                                  false).serialize(), wire::MODULE_INFORMATION);
+    EXPECT_EQ(info.definition(), R"({"Revision":3,"MetaData":{"z":1,"a":{"Text":"nested"}},"Lookups":{}})");
+    EXPECT_THROW(vh::messaging::module_information_message("{not json", false).serialize(), vx::create_protobuf_from_json_failed);
     const std::size_t max = vh::messaging::max_message_size;
     // Envelope overhead for a payload of this size: type (2) + tag (1) + 4-byte length.
     EXPECT_EQ(vh::messaging::wrap(message_type::check_result, std::string(max - 7, 'x')).size(), max);
@@ -176,8 +170,7 @@ TEST(sensor_data, secrets_are_kept_apart_and_masked_in_the_log_and_garbage_is_re
         }
     }
     const unsigned char garbage[] = {0xff, 0xff, 0xff};
-    EXPECT_EQ(what_of<vx::message_deserialization_failed>(
-                  [&] { vh::messaging::unwrap(garbage, sizeof garbage, message_type::sensor_data); }),
+    EXPECT_EQ(what_of<vx::message_deserialization_failed>([&] { vh::messaging::unwrap(garbage, 3, message_type::sensor_data); }),
               "Could not deserialize message type SENSOR_DATA of size 3.");
     // A sound envelope of another type.
     const auto check = vh::responses::check_result(1).serialize();
@@ -185,53 +178,29 @@ TEST(sensor_data, secrets_are_kept_apart_and_masked_in_the_log_and_garbage_is_re
     EXPECT_THROW(vh::settings::sensor_data_wrapper(nullptr, 5), vx::message_deserialization_failed);
 }
 
-struct service {
-    explicit service(int n) : number(n) {}
-    virtual ~service() = default;
-    int number;
-};
-using plain_factory = std::function<std::unique_ptr<service>()>;
-using keyed_factory = std::function<std::unique_ptr<service>(std::string)>;
-
-TEST(service_container, factories_are_keyed_by_signature_and_instances_shared_while_alive) {
-    vh::module::service_container c, k;
+// The sensors show the sharing of keyed instances while they live; these are the rest.
+TEST(service_container, failing_factories_store_nothing_and_a_dead_entry_stops_sharing) {
+    struct service {};
+    vh::module::service_container c, k;  // an interface is plain or keyed in one container
     EXPECT_THROW(c.get_instance<service>(), vx::factory_not_available);
     int runs = 0;
-    c.add_factory(plain_factory([&]() -> std::unique_ptr<service> {
-        if (++runs == 1) throw std::runtime_error("not yet");
-        return std::make_unique<service>(runs);
-    }));
+    using plain_factory = std::function<std::unique_ptr<service>()>;
+    c.add_factory(plain_factory([&] { return ++runs == 1 ? throw std::runtime_error("not yet") : std::make_unique<service>(); }));
     EXPECT_THROW(c.add_factory(plain_factory([] { return nullptr; })), vx::already_contains_factory);
-    // The same interface with an argument is another entry.
-    EXPECT_NO_THROW(c.add_factory(keyed_factory([](std::string) { return nullptr; })));
-    // A throwing factory stores nothing and runs again next time.
     EXPECT_THROW(c.get_instance<service>(), std::runtime_error);
     EXPECT_FALSE(c.instances().contains<service>());
-    auto a = c.get_instance<service>();
-    // create() bypasses the store: a new object each call, none kept.
-    EXPECT_EQ(c.create<service>()->number, 3);
-    EXPECT_EQ(c.get_instance<service>(), a);
-    EXPECT_EQ(a->number, 2);
-
+    EXPECT_EQ(c.get_instance<service>(), c.get_instance<service>());
+    EXPECT_EQ(runs, 2);
     // The key's type is named, never its value.
     EXPECT_EQ(what_of<vx::instance_not_available_key>([&] { k.instances().get<service>(std::string("secret-host")); }),
               std::string("The instance store can't find an instance with type ") + typeid(service).name() + " and key " +
                   typeid(std::string).name() + ".");
-    k.add_factory(keyed_factory([&](std::string) { return std::make_unique<service>(++runs); }));
-    auto first = k.get_instance<service>(std::string("k"));
-    EXPECT_EQ(k.get_instance<service>(std::string("k")), first);
-    EXPECT_NE(k.get_instance<service>(std::string("other")), first);
-    first.reset();  // the store holds nobody alive
+    k.add_factory(std::function<std::unique_ptr<service>(std::string)>([](std::string) { return std::make_unique<service>(); }));
+    k.get_instance<service>(std::string("k")).reset();  // the store holds nobody alive
     EXPECT_FALSE(k.instances().contains<service>(std::string("k")));
     // The expired entry stays, so the store never learns of the later objects.
-    auto later = k.get_instance<service>(std::string("k"));
-    EXPECT_NE(k.get_instance<service>(std::string("k")), later);
-    EXPECT_EQ(runs, 7);
+    EXPECT_NE(k.get_instance<service>(std::string("k")), k.get_instance<service>(std::string("k")));
 }
-
-using vh::logging::file_log;
-using vh::logging::flush_file_logs;
-namespace fs = std::filesystem;
 
 class file_log_test : public ::testing::Test {
 protected:
@@ -239,30 +208,29 @@ protected:
     void TearDown() override { unsetenv("VURO_LOG_DIR"); fs::remove_all(dir_); }
     // The texts after each line's time stamp, which every line must start with.
     std::vector<std::string> texts(const std::string& file, bool flush = true) const {
-        if (flush) flush_file_logs();
+        if (flush) vh::logging::flush_file_logs();
         static const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )");
         std::vector<std::string> out;
         std::ifstream in(dir_ / file);
-        for (std::string line; std::getline(in, line);) {
+        for (std::string line; std::getline(in, line); out.push_back(line.substr(24)))
             EXPECT_TRUE(std::regex_search(line, stamp, std::regex_constants::match_continuous)) << line;
-            out.push_back(line.substr(24));
-        }
         return out;
     }
     const fs::path dir_ = fs::temp_directory_path() / ("file-log-test-" + std::to_string(::getpid()));
 };
+using vh::logging::file_log;
 
 // Each check writes through a runtime log object of its own, beside the module's: the
-// file shows the lines in the order they were written, not grouped by object. Files hold
-// text: a C string's terminator carried along goes, other control characters are escaped.
-TEST_F(file_log_test, lines_keep_their_order_across_log_objects_and_hold_text_only) {
+// file shows the lines in the order they were written, not grouped by object, and every
+// line whole while threads write at once. Files hold text: a C string's terminator
+// carried along goes, other control characters are escaped.
+TEST_F(file_log_test, lines_keep_their_order_across_log_objects_and_threads_and_hold_text_only) {
     {
         unsetenv("VURO_LOG_DIR");
-        file_log quiet("quiet.log");
-        quiet.write(lg::error, "lost");
+        file_log("quiet.log").write(lg::error, "lost");
         EXPECT_TRUE(fs::is_empty(dir_)) << "without a directory nothing is written";
+        setenv("VURO_LOG_DIR", dir_.c_str(), 1);
     }
-    setenv("VURO_LOG_DIR", dir_.c_str(), 1);
     file_log module_log("runtime.log");
     EXPECT_FALSE(fs::exists(dir_ / "runtime.log")) << "the file comes with the first line";
     module_log.write(lg::debug, "begin");
@@ -279,18 +247,12 @@ TEST_F(file_log_test, lines_keep_their_order_across_log_objects_and_hold_text_on
     module_log.write(lg::debug, "on its own");
     for (int i = 0; i < 400 && texts("runtime.log", false).size() < 6; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(texts("runtime.log", false).back(), "DEBUG on its own");
-}
 
-// Several log objects share one file and several threads write at once: every line must
-// arrive whole, none overwritten.
-TEST_F(file_log_test, concurrent_writers_on_one_file_neither_tear_nor_lose_lines) {
     file_log a("shared.log"), b("shared.log");
     const std::string payload(300, 'x');
     std::vector<std::thread> writers;
     for (file_log* log : {&a, &b, &a, &b})
-        writers.emplace_back([log, &payload] {
-            for (int i = 0; i < 400; ++i) log->write(lg::info, payload);
-        });
+        writers.emplace_back([log, &payload] { for (int i = 0; i < 400; ++i) log->write(lg::info, payload); });
     for (auto& t : writers) t.join();
     EXPECT_EQ(texts("shared.log"), std::vector<std::string>(1600, "INFO " + payload));
 }
@@ -305,12 +267,12 @@ TEST_F(file_log_test, many_logs_keep_a_bounded_number_of_files_open) {
         logs.push_back(std::make_unique<file_log>("sensor_" + std::to_string(i) + ".log"));
         logs.back()->write(lg::debug, "line " + std::to_string(i));
     }
-    flush_file_logs();
+    vh::logging::flush_file_logs();
     EXPECT_LE(open_descriptors() - before, 100);
-    for (int i : {0, 199}) logs[static_cast<std::size_t>(i)]->write(lg::debug, "again");
-    for (int i : {0, 199})
-        EXPECT_EQ(texts("sensor_" + std::to_string(i) + ".log"),
-                  (std::vector<std::string>{"DEBUG line " + std::to_string(i), "DEBUG again"}));
+    for (int i : {0, 199}) {
+        logs[static_cast<std::size_t>(i)]->write(lg::debug, "again");
+        EXPECT_EQ(texts("sensor_" + std::to_string(i) + ".log"), (std::vector<std::string>{"DEBUG line " + std::to_string(i), "DEBUG again"}));
+    }
     logs.clear();
     EXPECT_EQ(open_descriptors(), before);
 }
@@ -322,7 +284,7 @@ TEST_F(file_log_test, a_crash_keeps_finished_calls_and_every_warning_with_its_tr
         {
             file_log log("crash.log");
             log.write(lg::debug, "call one");
-            flush_file_logs();
+            vh::logging::flush_file_logs();
             log.write(lg::debug, "trace of call two");
             log.write(lg::warning, "warning of call two");
             log.write(lg::debug, "lost with the crash");
