@@ -15,25 +15,16 @@ def tokens(text):
     return collections.Counter(TOKENS.findall(text))
 
 
-def load(*path):
-    with open(os.path.join(*path), encoding="utf-8") as f:
-        return json.load(f)
-
-
 def problems(root):
-    definition = os.path.join(root, "module", "definition")
-    catalogue = load(root, "lib", "libi18n", "catalogue.json")
-    config = load(definition, "languages.json")
+    load = lambda *path: json.load(open(os.path.join(root, *path), encoding="utf-8"))
+    catalogue, config = load("lib", "libi18n", "catalogue.json"), load("module", "definition", "languages.json")
     found = []
-    for language in config["Languages"]:
+    for language in (entry for entry in config["Languages"] if entry["Name"] != config["CatalogueLanguage"]):
         name, rule = language["Name"], config["KeySets"][language["Keys"]]
-        if name == config["CatalogueLanguage"]:
-            continue
-        texts = load(definition, "text", name + ".json")
+        texts = load("module", "definition", "text", name + ".json")
         omitted = tuple(rule.get("OmitPrefixes", []))
         expected = {k: v for k, v in catalogue.items() if not k.startswith(omitted) and k not in rule.get("OmitKeys", [])}
-        expected.update(rule.get("ExtraKeys", {}))
-        for key, english in expected.items():
+        for key, english in dict(expected, **rule.get("ExtraKeys", {})).items():
             text = texts.get(key)
             if not isinstance(text, str) or not text.strip():
                 found.append(f"{name}: {key}: missing or empty")
@@ -43,8 +34,6 @@ def problems(root):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit(f"usage: {sys.argv[0]} <repository root>")
     # The comparison itself must see what it is meant to catch.
     assert tokens("Wert %1:s von [b]%0:s[/b] {cur} 100%%") == tokens("Value [b]%0:s[/b] of %1:s {cur} 100%%")
     assert all(tokens(t) != tokens("%0:s [b]x[/b] 5%% {cur}") for t in ("%1:s [b]x[/b] 5%% {cur}", "%0:s x 5%% {cur}",
