@@ -187,29 +187,13 @@ const std::vector<std::string> common_reads{
     "credentials.connection_security.client_certificate", "credentials.connection_security.client_key",
     "get_secure " + key_password, auth, "credentials.user_authentication.user", "get_secure " + password};
 
-template <typename R>
-class every_record : public ::testing::Test {};
-using record_types = ::testing::Types<st::server_status_sensor, st::certificate_sensor,
-                                      st::beckhoff_ipc_system_status_sensor, st::connection_check,
-                                      st::endpoint_validation_check>;
-TYPED_TEST_SUITE(every_record, record_types);
-
-TYPED_TEST(every_record, reads_every_key_once_in_fixed_order) {
-    fake_source source = sensor_source(false);
-    source.set("ipversion", "0");
-    const TypeParam r(source);
-    EXPECT_EQ(common_reads, source.reads);
-    EXPECT_EQ("CERT-PEM", r.connection_security.client_certificate);
-    EXPECT_EQ("api-key", r.base.brenholtcloudapikey.str());
-    EXPECT_EQ(st::ipversion::ipv4, r.base.ipversion);
-}
-
 const std::string message_key = "custom.sensor_message_custom.nodeid";
 std::string key(int n, const std::string& field) { return "custom.connection_custom.channel" + std::to_string(n) + field; }
 
-// Channel 2 switched on, 3 to 10 off but filled, so each channel's values can be told apart.
-fake_source custom_source() {
-    fake_source s = sensor_source(false);
+// Every sensor's and check's record reads these common settings; the custom sensor's adds
+// its message and channels: 2 switched on, 3 to 10 off but filled, each told apart.
+fake_source custom_source(bool secured = false) {
+    fake_source s = sensor_source(secured);
     s.plain[message_key] = "ns=2;s=message";
     for (int n = 1; n <= 10; ++n) {
         if (n != 1) s.plain[key(n, "")] = n == 2 ? "enable" : "disable";
@@ -222,7 +206,7 @@ fake_source custom_source() {
     return s;
 }
 
-TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
+TEST(settings_record, reads_every_key_once_into_its_field) {
     fake_source source = custom_source();
     source.plain[key(1, "")] = "garbage";  // channel 1 has no switch: never looked up
     source.set("interval", std::nullopt);  // older probes send none
@@ -235,9 +219,11 @@ TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
         for (const char* field : {"_settings", "_name", "_unit", "_scale_factor", "_nodeid"}) expected.push_back(key(n, field));
     }
     EXPECT_EQ(expected, source.reads);
-    EXPECT_EQ(source.reads.back(), "custom.connection_custom.channel10_nodeid") << "a composed key can hide a misspelling";
-    EXPECT_EQ(std::to_string(r.base.interval) + " " + std::to_string(r.base.timeout) + " " + r.sensor_message_nodeid, "60 20 ns=2;s=message");
+    EXPECT_EQ(std::to_string(r.base.interval) + " " + std::to_string(r.base.timeout) + " " + r.base.brenholtcloudapikey.str() +
+                  " " + r.sensor_message_nodeid, "60 20 api-key ns=2;s=message");
     EXPECT_EQ(st::ipversion::ipv6, r.base.ipversion);
+    source.set("ipversion", "0");
+    EXPECT_EQ(st::ipversion::ipv4, st::custom_sensor(source).base.ipversion);
     for (int n = 1; n <= 10; ++n) {
         const st::custom_channel& c = r.channels.at(static_cast<std::size_t>(n - 1));
         EXPECT_EQ(n == 1 ? std::nullopt : std::optional(n == 2 ? st::channel::enable : st::channel::disable), c.enabled) << n;
@@ -248,57 +234,79 @@ TEST(custom_sensor_record, reads_common_parts_then_message_then_channels) {
     }
 }
 
+std::size_t hash_of(const ua::client_settings& s) { return std::hash<ua::client_settings>{}(s); }
 std::string selection(const std::string& value, const std::string& type) {
     return "Value \"" + value + "\" could not be parsed into selection type \"" + type + "\".";
 }
 std::string invalid(const std::string& value, const char* why) { return "Setting value " + value + " is invalid. The value is " + why; }
 std::string missing(const std::string& key) { return "The setting \"" + key + "\" was not available."; }
 
-// One setting changed (nullopt: missing) and what the record then throws, or "" when it is
-// accepted. Each text belongs to one failure class, so the text also tells the class. No
-// cross-field checks: switched-off channels fail the record all the same, and an empty
-// manual name is for the definition to refuse.
-TEST(custom_sensor_record, values_at_and_beyond_their_limits) {
+// One setting changed (nullopt: missing), from security mode none and anonymous login or
+// from a signed, password login, and what follows: the record refuses it with this text,
+// or the client's settings made from it share the key of the unchanged one or not. Settings
+// of equal key share a client, so the key holds all that makes a connection different.
+// Each text belongs to one failure class, so the text also tells the class. No cross-field
+// checks: switched-off channels fail the record all the same, and an empty manual name is
+// for the definition to refuse.
+TEST(settings_record, what_a_changed_setting_does) {
     const std::string too_long = "Setting's value with length 33 is longer than the maximum allowed length of 32.";
-    struct change { std::string key; std::optional<std::string> value; std::string text; };
+    const std::string same = "same client", other = "other client", policy = "credentials.connection_security.security_policy",
+                      cert = "credentials.connection_security.client_certificate", user = "credentials.user_authentication.user",
+                      client_key = "credentials.connection_security.client_key";
+    struct change { bool secured; std::string key; std::optional<std::string> value; std::string outcome; };
     std::vector<change> cases{
-        {port, "0", "Setting value 0 is less than the minimum of 1."}, {port, "1", ""}, {port, "65535", ""},
-        {port, "65536", "Setting value 65536 is bigger than the maximum of 65535."}, {port, "", "bad optional access"},
-        {port, "48a", invalid("48a", "not an integer.")}, {port, " 5", invalid(" 5", "not an integer.")},
-        {port, "9223372036854775808", invalid("9223372036854775808", "out of the range of a 64-bit integer.")},
-        {"timeout", "-1", "Setting value -1 is less than the minimum of 0."}, {"timeout", "0", ""},
-        {"timeout", "9223372036854775807", ""}, {"interval", "0", "Setting value 0 is less than the minimum of 1."},
-        {"host", std::string(5000, 'h'), ""}, {mode, "Sign", selection("Sign", "security_mode")},
-        {"credentials.connection_security.security_policy", "basic256sha256", selection("basic256sha256", "security_policy")},
+        {true, "host", "H", other}, {true, port, "4842", other}, {true, "credentials.connection_opcua.server_name", "P", other},
+        {true, mode, "sign_encrypt", other}, {true, policy, "none", other}, {true, auth, "anonymous", other},
+        {true, user, "U", other}, {true, password, "PW", other}, {true, cert, "C", other}, {true, client_key, "K", other},
+        {true, key_password, "KPW", other}, {true, "brenholtcloudapikey", "other", same}, {true, "logging", "disabled", same},
+        // Mode none drops the client credentials, anonymous login the user's; the policy stays stored.
+        {false, cert, "", same}, {false, client_key, "", same}, {false, key_password, "", same}, {false, user, "", same},
+        {false, password, "", same}, {false, policy, "none", other},
+        {false, port, "0", "Setting value 0 is less than the minimum of 1."}, {false, port, "1", other}, {false, port, "65535", other},
+        {false, port, "65536", "Setting value 65536 is bigger than the maximum of 65535."}, {false, port, "", "bad optional access"},
+        {false, port, "48a", invalid("48a", "not an integer.")}, {false, port, " 5", invalid(" 5", "not an integer.")},
+        {false, port, "9223372036854775808", invalid("9223372036854775808", "out of the range of a 64-bit integer.")},
+        // The probe's time-out does not reach the client, which keeps its own.
+        {false, "timeout", "-1", "Setting value -1 is less than the minimum of 0."}, {false, "timeout", "0", same},
+        {false, "timeout", "9223372036854775807", same}, {false, "interval", "0", "Setting value 0 is less than the minimum of 1."},
+        {false, "host", std::string(5000, 'h'), other}, {false, mode, "Sign", selection("Sign", "security_mode")},
+        {false, policy, "basic256sha256", selection("basic256sha256", "security_policy")},
         // Digit forms belong to ipversion alone.
-        {"logging", "Enabled", selection("Enabled", "logging")}, {"logging", "1", selection("1", "logging")},
-        {"ipversion", "2", selection("2", "ipversion")}, {"ipversion", "IPv", selection("IPv", "ipversion")},
-        {"ipversion", "", selection("", "ipversion")},
-        {key(3, "_name"), std::string(32, 'n'), ""}, {key(2, "_name"), "", ""},
+        {false, "logging", "Enabled", selection("Enabled", "logging")}, {false, "logging", "1", selection("1", "logging")},
+        {false, "ipversion", "2", selection("2", "ipversion")}, {false, "ipversion", "IPv", selection("IPv", "ipversion")},
+        {false, "ipversion", "", selection("", "ipversion")},
+        {false, key(3, "_name"), std::string(32, 'n'), same}, {false, key(2, "_name"), "", same},
         // A length counts characters: 31 and a degree sign are 32, in 33 bytes.
-        {key(1, "_unit"), std::string(31, 'u') + "\u00b0", ""},
-        {key(5, "_unit"), std::string(32, 'u') + "\u00b0", too_long}, {key(5, "_name"), std::string(33, 'n'), too_long},
-        {key(6, "_nodeid"), "'ns=2;s=a'[4]", ""},  // array syntax is for the sensor to parse
-        {key(3, ""), "enabled", selection("enabled", "channel")}, {key(10, ""), "", selection("", "channel")},
-        {key(1, "_settings"), "Manual", selection("Manual", "channel_settings")},
-        {key(6, "_scale_factor"), "", "bad optional access"}, {key(6, "_scale_factor"), "1,5", invalid("1,5", "not a number.")},
-        {key(6, "_scale_factor"), "nan", invalid("nan", "not a number.")}, {key(2, ""), std::nullopt, missing(key(2, ""))},
-        {message_key, std::nullopt, missing(message_key)}, {"interval", std::nullopt, ""}};
+        {false, key(1, "_unit"), std::string(31, 'u') + "\u00b0", same},
+        {false, key(5, "_unit"), std::string(32, 'u') + "\u00b0", too_long},
+        {false, key(5, "_name"), std::string(33, 'n'), too_long},
+        {false, key(6, "_nodeid"), "'ns=2;s=a'[4]", same},  // array syntax is for the sensor to parse
+        {false, key(3, ""), "enabled", selection("enabled", "channel")}, {false, key(10, ""), "", selection("", "channel")},
+        {false, key(1, "_settings"), "Manual", selection("Manual", "channel_settings")},
+        {false, key(6, "_scale_factor"), "", "bad optional access"},
+        {false, key(6, "_scale_factor"), "1,5", invalid("1,5", "not a number.")},
+        {false, key(6, "_scale_factor"), "nan", invalid("nan", "not a number.")},
+        {false, key(2, ""), std::nullopt, missing(key(2, ""))}, {false, message_key, std::nullopt, missing(message_key)},
+        {false, "interval", std::nullopt, same}};
     // Every key but interval is required, also those that the other settings make unused.
     for (std::string k : common_reads) {
         k = k.substr(k.find(' ') + 1);  // without "get_secure "
-        if (k != "interval") cases.push_back({k, std::nullopt, missing(k)});
+        if (k != "interval") cases.push_back({false, k, std::nullopt, missing(k)});
     }
     for (const auto& c : cases) {
-        fake_source source = custom_source();
+        const ua::client_settings before = ua::create_client_settings(st::custom_sensor(custom_source(c.secured)));
+        fake_source source = custom_source(c.secured);
         source.set(c.key, c.value);
-        std::string what;
+        std::string outcome;
         try {
-            st::custom_sensor{source};
+            const ua::client_settings after = ua::create_client_settings(st::custom_sensor(source));
+            EXPECT_EQ(!(after == before), after != before) << c.key;
+            EXPECT_EQ(hash_of(after) != hash_of(before), after != before) << c.key;
+            outcome = after != before ? other : same;
         } catch (const std::exception& e) {
-            what = e.what();
+            outcome = e.what();
         }
-        EXPECT_EQ(c.text, what) << c.key << " = " << c.value.value_or("<missing>");
+        EXPECT_EQ(c.outcome, outcome) << c.key << " = " << c.value.value_or("<missing>");
     }
     // Only a missing interval is forgiven: any other failure of the source leaves.
     struct broken_interval : fake_source {
@@ -311,9 +319,7 @@ TEST(custom_sensor_record, values_at_and_beyond_their_limits) {
     EXPECT_THROW(st::server_status_sensor{broken}, std::runtime_error);
 }
 
-std::size_t hash_of(const ua::client_settings& s) { return std::hash<ua::client_settings>{}(s); }
-
-TEST(client_settings, server_path_forms) {
+TEST(client_settings, server_path_forms_and_what_the_key_leaves_out) {
     const std::string invalid = "The server path specified in the credentials is invalid.";
     const std::pair<std::string, std::string> forms[] = {{"", ""}, {"/a/b", "a/b"}, {"a/b", "a/b"}, {"/", ""}, {"a/", "a/"},
                                                          {"x", "x"}, {"a//b", invalid}, {"opc.tcp://x", invalid},
@@ -327,37 +333,7 @@ TEST(client_settings, server_path_forms) {
         }
         EXPECT_EQ(path, s.server_path) << text;
     }
-}
-
-// Settings of equal key share a client, so the key must hold every setting that makes a
-// connection different, and nothing else.
-TEST(client_settings, the_key_holds_what_makes_a_connection_different) {
-    const std::string cert = "credentials.connection_security.client_certificate",
-                      client_key = "credentials.connection_security.client_key",
-                      policy = "credentials.connection_security.security_policy", user = "credentials.user_authentication.user";
-    const struct {
-        bool secured;
-        std::string key, value;
-        bool differs;
-    } cases[] = {
-        {true, "host", "H", true}, {true, port, "4842", true}, {true, "credentials.connection_opcua.server_name", "P", true},
-        {true, mode, "sign_encrypt", true}, {true, policy, "none", true}, {true, auth, "anonymous", true},
-        {true, user, "U", true}, {true, password, "PW", true}, {true, cert, "C", true}, {true, client_key, "K", true},
-        {true, key_password, "KPW", true}, {true, "timeout", "60", false}, {true, "brenholtcloudapikey", "other", false},
-        // Mode none drops the client credentials, anonymous login the user's; the policy stays stored.
-        {false, cert, "", false}, {false, client_key, "", false}, {false, key_password, "", false},
-        {false, user, "", false}, {false, password, "", false}, {false, policy, "none", true},
-    };
-    for (const auto& c : cases) {
-        fake_source changed = sensor_source(c.secured);
-        changed.set(c.key, c.value);
-        const auto a = ua::create_client_settings(st::connection_check(sensor_source(c.secured)));
-        const auto b = ua::create_client_settings(st::connection_check(changed));
-        EXPECT_EQ(a != b, c.differs) << c.key;
-        EXPECT_EQ(!(a == b), c.differs) << c.key;
-        EXPECT_EQ(hash_of(a) != hash_of(b), c.differs) << c.key;
-    }
-    // The client's own time-out and name are no part of the key; the probe's time-out does not reach it.
+    // The client's own time-out and name are no part of the key.
     ua::client_settings s = ua::create_client_settings(st::server_status_sensor(sensor_source()));
     ua::client_settings other = s;
     other.timeout = 60;
