@@ -124,23 +124,15 @@ enum reader { as_its_kind, as_integer, as_boolean, as_string, check_scalar, chec
 std::string read(const UA_Variant& v, reader r, std::uint64_t index) {
     std::ostringstream out;
     out.precision(17);
-    switch (r) {
-        case as_its_kind: {
-            const ua::data_type kind = ua::value_kind(v);
-            out << ua::data_type_name(kind) << " ";
-            if (kind == ua::data_type::integer) out << ua::to_integer(v, index);
-            if (kind == ua::data_type::floatingpoint) out << ua::to_double(v, index);
-            if (kind == ua::data_type::boolean) out << std::boolalpha << ua::to_boolean(v, index);
-            if (kind == ua::data_type::string) out << ua::to_string_value(v, index);
-            break;
-        }
-        case as_integer: out << ua::to_integer(v, index); break;
-        case as_boolean: out << ua::to_boolean(v, index); break;
-        case as_string: out << ua::to_string_value(v, index); break;
-        case check_scalar: ua::check_scalar(v); out << "scalar"; break;
-        case check_array: ua::check_array(v); out << "array"; break;
-        case check_index: ua::check_index(v, index); out << "in range"; break;
-    }
+    const ua::data_type kind = r == as_its_kind ? ua::value_kind(v) : ua::data_type::integer;
+    if (r == as_its_kind) out << ua::data_type_name(kind) << " " << std::boolalpha;
+    if (r == as_integer || (r == as_its_kind && kind == ua::data_type::integer)) out << ua::to_integer(v, index);
+    if (r == as_its_kind && kind == ua::data_type::floatingpoint) out << ua::to_double(v, index);
+    if (r == as_boolean || (r == as_its_kind && kind == ua::data_type::boolean)) out << ua::to_boolean(v, index);
+    if (r == as_string || (r == as_its_kind && kind == ua::data_type::string)) out << ua::to_string_value(v, index);
+    if (r == check_scalar) { ua::check_scalar(v); out << "scalar"; }
+    if (r == check_array) { ua::check_array(v); out << "array"; }
+    if (r == check_index) { ua::check_index(v, index); out << "in range"; }
     return out.str();
 }
 
@@ -152,13 +144,7 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
     const std::string mismatch = "#:error.data_type_mismatch[", unsupported = "#:error.unsupported_data_type[]",
                       not_set = "#:error.value_not_set[]", bounds = "#:error.index_out_of_bounds[",
                       not_scalar = "#:error.value_not_scalar[]", not_array = "#:error.not_an_array[]";
-    const struct {
-        const char* name;
-        variant_ptr v;
-        reader r;
-        std::uint64_t index;
-        std::string expected;
-    } cases[] = {
+    const struct { const char* name; variant_ptr v; reader r; std::uint64_t index; std::string expected; } cases[] = {
         // The ends of the ranges; the end-to-end suites read every kind at ordinary values.
         {"Int64 min", scalar<UA_Int64>(INT64_MIN, UA_TYPES_INT64), as_its_kind, 0, "integer -9223372036854775808"},
         {"UInt64 past it", scalar<UA_UInt64>(above_int64, UA_TYPES_UINT64), as_its_kind, 0, "#:error.value_overflow[]"},
@@ -212,15 +198,10 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
 
 // The stack's log lines are expanded by our own formatter: whatever it takes on, it
 // must write exactly what vsnprintf writes, and what it does not take on it must refuse.
-struct both {
-    int ours;
-    std::string ours_text;
-    std::string libc_text;
-};
+struct both { int ours; std::string ours_text, libc_text; };
 
 both expand(std::size_t room, const char* format, ...) {
-    char ours[256];
-    char libc[256];
+    char ours[256], libc[256];
     va_list args;
     va_start(args, format);
     const int n = ua::format_stack_line(ours, room, format, args);
