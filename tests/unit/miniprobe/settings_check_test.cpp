@@ -30,11 +30,7 @@ const std::string nodeid1 = channel + "1_nodeid=ns=2;s=Double";
 
 // Each case: the sensor or check, its KEY=VALUE settings, the start of each refused line in
 // order, pieces the refused lines hold, and pieces of the one warning of unused values.
-struct verdict_case {
-    const char* title;
-    std::string entry;
-    std::vector<std::string> sets, refused, contains, unused;
-};
+struct verdict_case { const char* title; std::string entry; std::vector<std::string> sets, refused, contains, unused; };
 
 const std::vector<verdict_case> cases = {
     {"every default of a check passes", "connection_check", {}, {}, {}, {}},
