@@ -1,12 +1,7 @@
 // Certificates, keys, the validator and revocation lists, on a PKI made at run time.
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <optional>
 #include <regex>
-#include <sstream>
-#include <stdexcept>
-#include <type_traits>
 
 #include <openssl/err.h>
 #include <openssl/evp.h>

@@ -5,14 +5,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdarg>
-#include <cstdint>
-#include <cstdio>
 #include <cstring>
-#include <functional>
-#include <initializer_list>
-#include <memory>
-#include <sstream>
-#include <string>
 
 #include "client/exceptions.h"
 #include "client/node_id.h"

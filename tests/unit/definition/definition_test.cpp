@@ -9,11 +9,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 

@@ -1,14 +1,7 @@
 // The formatter, the message catalogue and its exceptions, and the multiplexing log.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <regex>
-#include <set>
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <vector>
 
 #include "libi18n/catalogue.h"
 #include "libi18n/exceptions.h"

@@ -9,17 +9,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <iterator>
-#include <memory>
 #include <regex>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <tuple>
-#include <typeinfo>
-#include <unordered_map>
-#include <vector>
 
 #include <google/protobuf/text_format.h>
 #include <nlohmann/json.hpp>

@@ -5,9 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 

@@ -4,16 +4,7 @@
 // released memory is ever read and secrets left behind by copies are seen.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <map>
-#include <memory>
-#include <new>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "client/client_settings.h"
 #include "client/exceptions.h"
@@ -60,48 +51,46 @@ namespace st = ua::settings;
 using mm::libvurohelper::settings::secure_string;
 using test_support::what_of;
 
-// Probe data in memory, plain and secure apart; every lookup is recorded in order
+// Probe data in memory, secure values apart; every lookup is recorded in order
 // ("get_secure " marks the secure ones).
-class fake_source : public mm::libvurohelper::settings::settings_source {
-public:
-    std::map<std::string, std::string> plain, secure;
+struct fake_source : mm::libvurohelper::settings::settings_source {
+    std::map<std::string, std::string> values;
+    std::set<std::string> secure;
     mutable std::vector<std::string> reads;
 
-    const std::string& get(const std::string& key) const override { return find(plain, key, key); }
-    secure_string get_secure(const std::string& key) const override {
-        return secure_string(std::string(find(secure, key, "get_secure " + key)));
-    }
-    // Sets a key in the map that already holds it, else as a plain value; no value erases it.
-    void set(const std::string& key, const std::optional<std::string>& value) {
-        if (!value) plain.erase(key), secure.erase(key);
-        else (secure.count(key) ? secure : plain)[key] = *value;
-    }
-
-private:
-    const std::string& find(const std::map<std::string, std::string>& map, const std::string& key, std::string read) const {
-        reads.push_back(std::move(read));
-        const auto it = map.find(key);
-        if (it == map.end()) throw mm::libvurohelper::utils::exceptions::setting_not_available(key);
+    const std::string& get(const std::string& key) const override { return find(key, false); }
+    secure_string get_secure(const std::string& key) const override { return secure_string(std::string(find(key, true))); }
+    const std::string& find(const std::string& key, bool as_secure) const {
+        reads.push_back(as_secure ? "get_secure " + key : key);
+        const auto it = values.find(key);
+        if (it == values.end() || secure.count(key) != as_secure) throw mm::libvurohelper::utils::exceptions::setting_not_available(key);
         return it->second;
+    }
+    // No value erases the key.
+    void set(const std::string& key, const std::optional<std::string>& value) {
+        if (value) values[key] = *value;
+        else values.erase(key);
     }
 };
 
 const std::string port = "credentials.connection_opcua.port", mode = "credentials.connection_security.security_mode",
+                  policy = "credentials.connection_security.security_policy",
+                  cert = "credentials.connection_security.client_certificate",
+                  client_key = "credentials.connection_security.client_key",
                   key_password = "credentials.connection_security.client_key_password",
-                  auth = "credentials.user_authentication.user_auth_mode",
+                  auth = "credentials.user_authentication.user_auth_mode", user = "credentials.user_authentication.user",
                   password = "credentials.user_authentication.password";
 
 // A complete, valid set of what a sensor or check receives; `secured` false gives security
 // mode none and anonymous login, which leave the credentials unused.
 fake_source sensor_source(bool secured = true) {
     fake_source s;
-    s.plain = {{"host", "plc.example"}, {"logging", "enabled"}, {"interval", "30"}, {"timeout", "20"}, {"ipversion", "IPv4"},
-               {port, "4841"}, {"credentials.connection_opcua.server_name", "/srv/ua"}, {mode, secured ? "sign" : "none"},
-               {"credentials.connection_security.security_policy", "Basic256Sha256"},
-               {"credentials.connection_security.client_certificate", "CERT-PEM"},
-               {"credentials.connection_security.client_key", "KEY-PEM"},
-               {auth, secured ? "username_password" : "anonymous"}, {"credentials.user_authentication.user", "operator"}};
-    s.secure = {{"brenholtcloudapikey", "api-key"}, {key_password, "key-pw"}, {password, "user-pw"}};
+    s.values = {{"host", "plc.example"}, {"logging", "enabled"}, {"interval", "30"}, {"timeout", "20"}, {"ipversion", "IPv4"},
+                {port, "4841"}, {"credentials.connection_opcua.server_name", "/srv/ua"}, {mode, secured ? "sign" : "none"},
+                {policy, "Basic256Sha256"}, {cert, "CERT-PEM"}, {client_key, "KEY-PEM"}, {key_password, "key-pw"},
+                {auth, secured ? "username_password" : "anonymous"}, {user, "operator"}, {password, "user-pw"},
+                {"brenholtcloudapikey", "api-key"}};
+    s.secure = {"brenholtcloudapikey", key_password, password};
     return s;
 }
 
@@ -183,9 +172,8 @@ TEST(secrets, leave_nothing_in_released_memory) {
 // Base settings in their reading order, then the three credential groups.
 const std::vector<std::string> common_reads{
     "host", "logging", "timeout", "get_secure brenholtcloudapikey", "ipversion", "interval", port,
-    "credentials.connection_opcua.server_name", mode, "credentials.connection_security.security_policy",
-    "credentials.connection_security.client_certificate", "credentials.connection_security.client_key",
-    "get_secure " + key_password, auth, "credentials.user_authentication.user", "get_secure " + password};
+    "credentials.connection_opcua.server_name", mode, policy, cert, client_key, "get_secure " + key_password, auth, user,
+    "get_secure " + password};
 
 const std::string message_key = "custom.sensor_message_custom.nodeid";
 std::string key(int n, const std::string& field) { return "custom.connection_custom.channel" + std::to_string(n) + field; }
@@ -194,21 +182,21 @@ std::string key(int n, const std::string& field) { return "custom.connection_cus
 // its message and channels: 2 switched on, 3 to 10 off but filled, each told apart.
 fake_source custom_source(bool secured = false) {
     fake_source s = sensor_source(secured);
-    s.plain[message_key] = "ns=2;s=message";
+    s.values[message_key] = "ns=2;s=message";
     for (int n = 1; n <= 10; ++n) {
-        if (n != 1) s.plain[key(n, "")] = n == 2 ? "enable" : "disable";
-        s.plain[key(n, "_settings")] = n % 2 == 0 ? "manual" : "automatic";
-        s.plain[key(n, "_name")] = "name " + std::to_string(n);
-        s.plain[key(n, "_unit")] = "unit " + std::to_string(n);
-        s.plain[key(n, "_scale_factor")] = std::to_string(n) + ".5";
-        s.plain[key(n, "_nodeid")] = "ns=2;i=" + std::to_string(100 + n);
+        if (n != 1) s.values[key(n, "")] = n == 2 ? "enable" : "disable";
+        s.values[key(n, "_settings")] = n % 2 == 0 ? "manual" : "automatic";
+        s.values[key(n, "_name")] = "name " + std::to_string(n);
+        s.values[key(n, "_unit")] = "unit " + std::to_string(n);
+        s.values[key(n, "_scale_factor")] = std::to_string(n) + ".5";
+        s.values[key(n, "_nodeid")] = "ns=2;i=" + std::to_string(100 + n);
     }
     return s;
 }
 
 TEST(settings_record, reads_every_key_once_into_its_field) {
     fake_source source = custom_source();
-    source.plain[key(1, "")] = "garbage";  // channel 1 has no switch: never looked up
+    source.values[key(1, "")] = "garbage";  // channel 1 has no switch: never looked up
     source.set("interval", std::nullopt);  // older probes send none
     source.set("ipversion", "1");
     const st::custom_sensor r(source);
@@ -250,9 +238,7 @@ std::string missing(const std::string& key) { return "The setting \"" + key + "\
 // for the definition to refuse.
 TEST(settings_record, what_a_changed_setting_does) {
     const std::string too_long = "Setting's value with length 33 is longer than the maximum allowed length of 32.";
-    const std::string same = "same client", other = "other client", policy = "credentials.connection_security.security_policy",
-                      cert = "credentials.connection_security.client_certificate", user = "credentials.user_authentication.user",
-                      client_key = "credentials.connection_security.client_key";
+    const std::string same = "same client", other = "other client";
     struct change { bool secured; std::string key; std::optional<std::string> value; std::string outcome; };
     std::vector<change> cases{
         {true, "host", "H", other}, {true, port, "4842", other}, {true, "credentials.connection_opcua.server_name", "P", other},
