@@ -130,17 +130,6 @@ TEST_F(pki_test, days_until_expiry_are_whole_days_truncated_toward_zero) {
     }
 }
 
-TEST_F(pki_test, private_keys_load_with_or_without_password) {
-    for (const pki::key_pair& key : {pki::rsa_key(), pki::make_key(pki::key_algorithm::ec_p256)}) {
-        // A password for a key that needs none is not looked at.
-        for (const char* password : {"", "unused"})
-            EXPECT_EQ(openssl()->make_private_key(key.private_pem(), password)->to_der(), key.private_der());
-        const std::string password = "s3cret, with: [odd] chars";
-        EXPECT_EQ(openssl()->make_private_key(key.private_pem_encrypted(password), password)->to_der(), key.private_der());
-    }
-    EXPECT_THROW(openssl()->make_private_key("", "password"), ex::private_key_empty);
-}
-
 TEST_F(pki_test, chains_verify_against_a_trusted_root) {
     // Made by an allocator whose handle is gone at once: the validator must keep it.
     const auto validator = ch::make_openssl_allocator()->make_certificate_validator(false);

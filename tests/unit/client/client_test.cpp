@@ -145,9 +145,7 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
         // DateTime counts 100 ns steps; whole seconds, truncated toward zero.
         {"DateTime -1", scalar<UA_DateTime>(-1, UA_TYPES_DATETIME), as_its_kind, 0, "integer 0"},
         {"DateTime -1.5 s", scalar<UA_DateTime>(-15000000, UA_TYPES_DATETIME), as_its_kind, 0, "integer -1"},
-        {"DateTime array", array<UA_DateTime>(UA_TYPES_DATETIME, {0, 20000000}), as_its_kind, 1, "integer 2"},
         {"EnumValueType", scalar(seven, UA_TYPES_ENUMVALUETYPE), as_its_kind, 0, "integer -7"},
-        {"Float", scalar<UA_Float>(0.1f, UA_TYPES_FLOAT), as_its_kind, 0, "floatingpoint 0.10000000149011612"},
         {"Float NaN", scalar<UA_Float>(NAN, UA_TYPES_FLOAT), as_its_kind, 0, "floatingpoint nan"},
         {"Boolean array", array<UA_Boolean>(UA_TYPES_BOOLEAN, {false, true}), as_its_kind, 1, "boolean true"},
         {"String with a zero", scalar(ua_string("a\0b", 3), UA_TYPES_STRING), as_its_kind, 0, std::string("string a\0b", 10)},

@@ -1,5 +1,4 @@
-// The framework library: wire messages, sensor data, the service container and log
-// files. Wire bytes are decoded with the protobuf classes that libVuroHelper.so exports,
+// The framework library: wire messages, sensor data and log files. Wire bytes are decoded with the protobuf classes that libVuroHelper.so exports,
 // never with a second copy of the schema.
 #include <gtest/gtest.h>
 
@@ -21,7 +20,6 @@
 #include "libvurohelper/messaging.h"
 #include "libvurohelper/responses.h"
 #include "libvurohelper/settings.h"
-#include "module/framework/service_container.h"
 #include "support/what_of.h"
 #include "vuro.pb.h"
 
@@ -157,30 +155,6 @@ TEST(sensor_data, secrets_are_kept_apart_and_masked_in_the_log_and_garbage_is_re
     const auto check = vh::responses::check_result(1).serialize();
     EXPECT_THROW(vh::settings::sensor_data_wrapper(check.data(), check.size()), vx::message_deserialization_failed);
     EXPECT_THROW(vh::settings::sensor_data_wrapper(nullptr, 5), vx::message_deserialization_failed);
-}
-
-// The sensors show the sharing of keyed instances while they live; these are the rest.
-TEST(service_container, failing_factories_store_nothing_and_a_dead_entry_stops_sharing) {
-    struct service {};
-    vh::module::service_container c, k;  // an interface is plain or keyed in one container
-    EXPECT_THROW(c.get_instance<service>(), vx::factory_not_available);
-    int runs = 0;
-    using plain_factory = std::function<std::unique_ptr<service>()>;
-    c.add_factory(plain_factory([&] { return ++runs == 1 ? throw std::runtime_error("not yet") : std::make_unique<service>(); }));
-    EXPECT_THROW(c.add_factory(plain_factory([] { return nullptr; })), vx::already_contains_factory);
-    EXPECT_THROW(c.get_instance<service>(), std::runtime_error);
-    EXPECT_FALSE(c.instances().contains<service>());
-    EXPECT_EQ(c.get_instance<service>(), c.get_instance<service>());
-    EXPECT_EQ(runs, 2);
-    // The key's type is named, never its value.
-    EXPECT_EQ(what_of<vx::instance_not_available_key>([&] { k.instances().get<service>(std::string("secret-host")); }),
-              std::string("The instance store can't find an instance with type ") + typeid(service).name() + " and key " +
-                  typeid(std::string).name() + ".");
-    k.add_factory(std::function<std::unique_ptr<service>(std::string)>([](std::string) { return std::make_unique<service>(); }));
-    k.get_instance<service>(std::string("k")).reset();  // the store holds nobody alive
-    EXPECT_FALSE(k.instances().contains<service>(std::string("k")));
-    // The expired entry stays, so the store never learns of the later objects.
-    EXPECT_NE(k.get_instance<service>(std::string("k")), k.get_instance<service>(std::string("k")));
 }
 
 class file_log_test : public ::testing::Test {
