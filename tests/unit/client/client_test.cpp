@@ -140,11 +140,9 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
     const struct { const char* name; variant_ptr v; reader r; std::uint64_t index; std::string expected; } cases[] = {
         // The ends of the ranges; the end-to-end suites read every kind at ordinary values.
         {"Int64 min", scalar<UA_Int64>(INT64_MIN, UA_TYPES_INT64), as_its_kind, 0, "integer -9223372036854775808"},
-        {"UInt64 past it", scalar<UA_UInt64>(above_int64, UA_TYPES_UINT64), as_its_kind, 0, "#:error.value_overflow[]"},
         {"UInt64 array past it", array<UA_UInt64>(UA_TYPES_UINT64, {1, above_int64}), as_integer, 1, "#:error.value_overflow[]"},
         // DateTime counts 100 ns steps; whole seconds, truncated toward zero.
         {"DateTime -1", scalar<UA_DateTime>(-1, UA_TYPES_DATETIME), as_its_kind, 0, "integer 0"},
-        {"DateTime -1.5 s", scalar<UA_DateTime>(-15000000, UA_TYPES_DATETIME), as_its_kind, 0, "integer -1"},
         {"EnumValueType", scalar(seven, UA_TYPES_ENUMVALUETYPE), as_its_kind, 0, "integer -7"},
         {"Float NaN", scalar<UA_Float>(NAN, UA_TYPES_FLOAT), as_its_kind, 0, "floatingpoint nan"},
         {"Boolean array", array<UA_Boolean>(UA_TYPES_BOOLEAN, {false, true}), as_its_kind, 1, "boolean true"},
@@ -153,7 +151,6 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
         // A qualified name carries its namespace unless it is 0.
         {"QualifiedName", scalar(qualified(0, "Temp"), UA_TYPES_QUALIFIEDNAME), as_its_kind, 0, "string Temp"},
         {"QualifiedName ns 10", scalar(qualified(10, "Temp"), UA_TYPES_QUALIFIEDNAME), as_its_kind, 0, "string 10:Temp"},
-        {"QualifiedName empty", scalar(qualified(3, ""), UA_TYPES_QUALIFIEDNAME), as_its_kind, 0, "string 3:"},
         {"QualifiedName array", array(UA_TYPES_QUALIFIEDNAME, {qualified(0, "a"), qualified(4, "b")}), as_string, 1, "4:b"},
         // Another kind is refused with both names.
         {"Double as integer", scalar<UA_Double>(1.0, UA_TYPES_DOUBLE), as_integer, 0, mismatch + "floatingpoint,integer]"},
@@ -162,7 +159,6 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
         // Types outside the four kinds (a StatusCode, an enumeration, structures) before any read.
         {"Guid", scalar(UA_GUID("09087e75-8e5e-499b-954f-f2a9603db28a"), UA_TYPES_GUID), as_its_kind, 0, unsupported},
         {"StatusCode", scalar<UA_StatusCode>(UA_STATUSCODE_BADTIMEOUT, UA_TYPES_STATUSCODE), as_integer, 0, unsupported},
-        {"ServerState", scalar<UA_ServerState>(UA_SERVERSTATE_RUNNING, UA_TYPES_SERVERSTATE), as_its_kind, 0, unsupported},
         {"Range", scalar(UA_Range{0.0, 1.0}, UA_TYPES_RANGE), as_string, 0, unsupported},
         // An empty variant has no value, except as a string.
         {"empty", variant_ptr(UA_Variant_new(), &UA_Variant_delete), as_its_kind, 0, not_set},
@@ -181,7 +177,6 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
         {"Double at 3", scalar<UA_Double>(1.0, UA_TYPES_DOUBLE), as_integer, 3, mismatch + "floatingpoint,integer]"},
         {"UInt64 past at 1", array<UA_UInt64>(UA_TYPES_UINT64, {above_int64}), as_integer, 1, bounds + "1,1]"},
         // An empty array has no element 0 to read, whatever its kind.
-        {"no Boolean", array(UA_TYPES_BOOLEAN), as_its_kind, 0, bounds + "0,0]"},
         {"no Double", array(UA_TYPES_DOUBLE), as_its_kind, 0, bounds + "0,0]"},
     };
     for (const auto& c : cases) EXPECT_EQ(outcome([&] { return read(*c.v, c.r, c.index); }), c.expected) << c.name;

@@ -22,11 +22,7 @@ std::vector<std::string> texts(std::vector<std::string> lines) {
     return lines;
 }
 
-SensorData of_kind(const std::string& kind) {
-    SensorData data;
-    data.set_kind(kind);
-    return data;
-}
+SensorData of_kind(const std::string& kind) { return test_support::credential_data(kind, 1); }
 
 TEST(ModuleLifecycle, EveryFunctionAnswersNotInitialisedBeforeInitAndAfterCleanup) {
     for (int round = 0; round < 3; ++round) {

@@ -1,20 +1,7 @@
 #!/usr/bin/env python3
-"""The texts a person reads, checked against the English catalogue, which is read here
-independently of the generator: a wrong key derivation shows up as a mismatch.
-- Each catalogue text numbers its placeholders 0..n-1, so n arguments format it, and writes a
-  percent sign as %%.
-- The definition document shows, for every sensor, section, setting, option and lookup value,
-  the English text of the key it derives from; its English table holds exactly the catalogue's
-  keys (channel templates expanded; channel 1 has no switch), each used by an entry unless it
-  is a message.
-- Each language translates every key of its key set (a missing text silently falls back to
-  English) and keeps the English text's placeholders, percent signs, markup tags and {cur} markers.
-Usage: check_texts.py <repository root> <module_definition.json>"""
-import collections
-import json
-import os
-import re
-import sys
+# The texts a person reads, against the English catalogue (what and why: CMakeLists.txt here).
+# Usage: check_texts.py <repository root> <module_definition.json>
+import collections, json, os, re, sys
 
 TOKENS = re.compile(r"%[0-9]+:s|%%|%|\[a\s[^\]]*\]\]?|\[/?(?:br|b|i|a)\]|\{cur\}")
 
