@@ -71,7 +71,7 @@ TEST(node_id, array_access_ends_alike_at_any_length) {
     const char* const refused[] = {
         "ns=1;s=@", "ns=1;s=@[1]", "@[1]", "'ns=1;s=@'", "'ns=1;s=@\"[1]", "\"ns=1;s=@[1]", "''[1]", "'ns=1;s=@'[]",
         "'ns=1;s=@'[-1]", "'ns=1;s=@'[+1]", "'ns=1;s=@'[ 1]", "'ns=1;s=@'[1] ", "'ns=1;s=@'[1]\n", "'i=85'[1]@",
-        "'ns=1;s=@'[1][2]", "'ns=1;s=@'[0x1]", "'ns=1;s=it's@'[1]", ""};
+        "'ns=1;s=@'[1][2]", "'ns=1;s=@'[0x1]", "'ns=1;s=it's@'[1]", "''@'[1]", ""};
     for (const auto& [letters, zeros] : {std::pair<std::string, std::string>{"Temp", ""}, {std::string(1u << 20, 'a'), std::string(1u << 20, '0')}}) {
         const auto fill = [&](const std::string& shape) { return replace_all(replace_all(shape, '@', letters), '~', zeros); };
         const auto read = [](const std::string& text) {
