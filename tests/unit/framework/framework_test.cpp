@@ -1,4 +1,4 @@
-// The framework library: wire messages, sensor data and log files. Wire bytes are decoded with the protobuf classes that libVuroHelper.so exports,
+// The framework library: wire messages, sensor data, the service container and log files. Wire bytes are decoded with the protobuf classes that libVuroHelper.so exports,
 // never with a second copy of the schema.
 #include <gtest/gtest.h>
 
@@ -20,6 +20,7 @@
 #include "libvurohelper/messaging.h"
 #include "libvurohelper/responses.h"
 #include "libvurohelper/settings.h"
+#include "module/framework/service_container.h"
 #include "support/what_of.h"
 #include "vuro.pb.h"
 
@@ -155,6 +156,14 @@ TEST(sensor_data, secrets_are_kept_apart_and_masked_in_the_log_and_garbage_is_re
     const auto check = vh::responses::check_result(1).serialize();
     EXPECT_THROW(vh::settings::sensor_data_wrapper(check.data(), check.size()), vx::message_deserialization_failed);
     EXPECT_THROW(vh::settings::sensor_data_wrapper(nullptr, 5), vx::message_deserialization_failed);
+}
+
+// Clients are kept under their settings, password included: a missing one is named by the
+// key's type, never its value.
+TEST(service_container, a_missing_keyed_instance_names_the_types_only) {
+    EXPECT_EQ(what_of<vx::instance_not_available_key>([] { vh::module::service_container().instances().get<int>(std::string("pa55")); }),
+              std::string("The instance store can't find an instance with type ") + typeid(int).name() + " and key " +
+                  typeid(std::string).name() + ".");
 }
 
 class file_log_test : public ::testing::Test {

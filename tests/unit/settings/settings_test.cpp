@@ -13,7 +13,6 @@
 #include "libvurohelper/notifications.h"
 #include "settings/custom_sensor_settings.h"
 #include "settings/records.h"
-#include "support/what_of.h"
 #include "vuro.pb.h"
 
 namespace {
@@ -49,7 +48,6 @@ namespace mm = ::brenholt::monitoring_modules;
 namespace ua = mm::opcua;
 namespace st = ua::settings;
 using mm::libvurohelper::settings::secure_string;
-using test_support::what_of;
 
 // Probe data in memory, secure values apart.
 struct fake_source : mm::libvurohelper::settings::settings_source {
