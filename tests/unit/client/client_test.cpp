@@ -156,7 +156,7 @@ TEST(value_conversion, kinds_values_shapes_and_refusals) {
         {"Double as integer", scalar<UA_Double>(1.0, UA_TYPES_DOUBLE), as_integer, 0, mismatch + "floatingpoint,integer]"},
         {"String as boolean", scalar(ua_string("true", 4), UA_TYPES_STRING), as_boolean, 0, mismatch + "string,boolean]"},
         {"Int64 as string", scalar<UA_Int64>(5, UA_TYPES_INT64), as_string, 0, mismatch + "integer,string]"},
-        // Types outside the four kinds (a StatusCode, an enumeration, structures) before any read.
+        // Types outside the four kinds (a Guid, a StatusCode, a structure) are refused before any read.
         {"Guid", scalar(UA_GUID("09087e75-8e5e-499b-954f-f2a9603db28a"), UA_TYPES_GUID), as_its_kind, 0, unsupported},
         {"StatusCode", scalar<UA_StatusCode>(UA_STATUSCODE_BADTIMEOUT, UA_TYPES_STATUSCODE), as_integer, 0, unsupported},
         {"Range", scalar(UA_Range{0.0, 1.0}, UA_TYPES_RANGE), as_string, 0, unsupported},
