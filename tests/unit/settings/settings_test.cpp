@@ -284,7 +284,7 @@ TEST(settings_record, what_a_changed_setting_does) {
 }
 
 TEST(client_settings, server_path_forms_and_what_the_key_leaves_out) {
-    const std::string invalid = "The server path specified in the credentials is invalid.";
+    const std::string invalid = "<refused>";
     const std::pair<std::string, std::string> forms[] = {{"", ""}, {"/a/b", "a/b"}, {"a/b", "a/b"}, {"/", ""}, {"a/", "a/"},
                                                          {"x", "x"}, {"a//b", invalid}, {"opc.tcp://x", invalid},
                                                          {"//", invalid}, {"/a//", invalid}};
@@ -292,8 +292,8 @@ TEST(client_settings, server_path_forms_and_what_the_key_leaves_out) {
         ua::client_settings s;
         try {
             s.set_server_path(text);
-        } catch (const ua::exceptions::invalid_servername& e) {
-            s.server_path = e.what();
+        } catch (const ua::exceptions::invalid_servername&) {
+            s.server_path = invalid;
         }
         EXPECT_EQ(path, s.server_path) << text;
     }
