@@ -153,14 +153,15 @@ const ordered_json fixed_channels = ordered_json::parse(R"json({
     {"name": "channel.temperature_mainboard", "value_mode": 1, "unit": 4, "limits_enabled": false},
     {"name": "channel.available_memory", "value_mode": 1, "unit": 2, "size_unit": 8, "limits_enabled": false},
     {"name": "channel.percent_available_memory", "value_mode": 1, "unit": 5, "limits_enabled": false},
-    {"name": "channel.status_raid_controller", "value_mode": 1, "unit": 0, "lookup": "raid_controller_state"}],
+    {"name": "channel.status_raid_controller", "value_mode": 1, "unit": 0, "lookup": "raid_controller_state",
+     "limits_enabled": false}],
   "certificate_sensor": [
     {"name": "channel.expire_in", "value_mode": 1, "unit": 8, "custom_unit": "day(s)", "limits_enabled": true,
      "lower_warning_limit": {"is_set": true, "value": 28}, "lower_error_limit": {"is_set": true, "value": 7}},
     {"name": "channel.public_key_length", "value_mode": 1, "unit": 8, "custom_unit": "bit", "limits_enabled": true,
      "lower_warning_limit": {"is_set": true, "value": 1025}, "lower_error_limit": {"is_set": true, "value": 1024}},
-    {"name": "channel.self_signed", "value_mode": 1, "unit": 0, "lookup": "self_signed_certificate",
-     "limits_enabled": false, "lower_warning_limit": {"is_set": false}}],
+    {"name": "channel.self_signed", "value_mode": 1, "unit": 0, "custom_unit": "", "lookup": "self_signed_certificate",
+     "limits_enabled": false, "lower_warning_limit": {"is_set": false}, "lower_error_limit": {"is_set": false}}],
   "server_status_sensor": [
     {"name": "channel.state", "value_mode": 1, "unit": 0, "lookup": "server_state"},
     {"name": "channel.uptime", "value_mode": 1, "unit": 7},
