@@ -2,7 +2,7 @@
 
 // tests/interop/server.js, a node-opcua server, as a child process for the length of a
 // test. It reads its options as one JSON argument, prints one JSON line when it listens,
-// then answers JSON commands on its stdin, and stops when its stdin closes.
+// and stops when its stdin closes.
 #include <chrono>
 #include <filesystem>
 #include <optional>
@@ -50,18 +50,8 @@ public:
     node_server(const node_server&) = delete;
     node_server& operator=(const node_server&) = delete;
 
-    // Sends one command ({"diagnostics":false}) and returns once the change is in effect.
-    void command(const nlohmann::json& line) {
-        const auto answer = process_->send(line.dump()) ? process_->line(std::chrono::seconds(10)) : std::nullopt;
-        const auto parsed = nlohmann::json::parse(answer.value_or(""), nullptr, false);
-        if (!parsed.is_object() || !parsed.value("ok", false))
-            throw std::runtime_error("node-opcua server did not carry out " + line.dump() + failure());
-    }
-
     int port() const { return ready_.at("port").get<int>(); }
     const nlohmann::json& ready() const { return ready_; }
-    // True when the server ends on SIGTERM by itself (server.js gives itself 2 s).
-    bool stop() { return process_->terminate(std::chrono::seconds(4)) == 0; }
 
 private:
     std::string failure() const { return "\n--- server stderr ---\n" + process_->errors(); }

@@ -6,15 +6,8 @@
 //    "securityMode":"Sign","securityPolicy":"Basic256Sha256"}, ...],
 //    "namespaces":{"<section>":index, ...},
 //    "certificate":{"thumbprint":"<sha1 hex>","notAfter":<epoch s>,"keyBits":N,"commonName":"..",
-//                   "chain":N},
-//    "pkiDir":"<the option>"}
+//                   "chain":N}}
 // On a fatal error it prints {"ready":false,"error":"..."} and exits with 1.
-//
-// While it runs it takes one JSON command per line on stdin and answers each with one
-// line, {"ok":true} or {"ok":false,"error":"..."}, once the change is in effect:
-//   {"diagnostics":false}             Server.ServerDiagnostics on or off
-// Nothing else goes to stdout, so the test can read it line by line; node-opcua's own
-// warnings and errors go to stderr.
 //
 // It stops on SIGTERM or when stdin closes, so it never outlives the process
 // that started it.
@@ -22,7 +15,6 @@
 import crypto from "node:crypto";
 import fs from "node:fs";
 import path from "node:path";
-import readline from "node:readline";
 import {
     OPCUAServer,
     OPCUACertificateManager,
@@ -54,20 +46,9 @@ const defaults = {
     // self-signed pair in pkiDir.
     certificateFile: null,
     privateKeyFile: null,
-    // Server.ServerDiagnostics.EnabledFlag at start; node-opcua's default is on.
-    diagnostics: true,
-    // false: a client certificate nobody has accepted yet is refused and kept in
-    // <pkiDir>/server/rejected, as on a plant server whose operator has not trusted us.
-    trustUnknownClients: true
-};
-
-// Builders for parts of the address space, keyed by option name (value true). Each
-// takes the address space and runs once after start-up. A builder that registers a
-// namespace of its own returns its index, which the ready line reports under
-// "namespaces" by the option's name: node-opcua hands out indexes in the order
-// namespaces are registered, so a test must not assume one.
-const addressSpaceSections = {
-    custom: buildCustom
+    // Objects/Custom, below; its namespace index goes into the ready line, as node-opcua
+    // hands out indexes in the order namespaces are registered.
+    custom: false
 };
 
 // The values the custom sensor reads, one variable per kind, in the namespace
@@ -151,7 +132,7 @@ function fail(message) {
 function readOptions(argv) {
     if (argv.length !== 1) fail("usage: server.js '<json>'");
     const given = JSON.parse(argv[0]);
-    const known = new Set([...Object.keys(defaults), ...Object.keys(addressSpaceSections)]);
+    const known = new Set(Object.keys(defaults));
     for (const key of Object.keys(given)) {
         if (!known.has(key)) fail(`unknown option "${key}"`);
     }
@@ -167,11 +148,10 @@ async function main() {
     setErrorLogger(log);
 
     fs.mkdirSync(options.pkiDir, { recursive: true });
-    // The module's client brings a certificate nobody signed; trusted on first sight
-    // unless the test wants a strict server.
+    // The module's client brings a certificate nobody signed; trusted on first sight.
     const serverCertificateManager = new OPCUACertificateManager({
         rootFolder: path.join(options.pkiDir, "server"),
-        automaticallyAcceptUnknownCertificate: options.trustUnknownClients
+        automaticallyAcceptUnknownCertificate: true
     });
     // Without one of its own the server would create a user PKI in the home directory.
     const userCertificateManager = new OPCUACertificateManager({
@@ -212,28 +192,12 @@ async function main() {
         server.shutdown(0).finally(() => process.exit(0));
     };
     process.on("SIGTERM", stop);
-    const commands = readline.createInterface({ input: process.stdin });
-    commands.on("line", (line) => {
-        const answer = (reply) => process.stdout.write(JSON.stringify(reply) + "\n");
-        try {
-            const command = JSON.parse(line);
-            if (typeof command.diagnostics !== "boolean") throw new Error(`unknown command ${line}`);
-            server.engine.serverDiagnosticsEnabled = command.diagnostics;
-            answer({ ok: true });
-        } catch (e) {
-            answer({ ok: false, error: String(e.message || e) });
-        }
-    });
-    commands.on("close", stop);
-    process.stdin.on("error", stop);
+    process.stdin.on("end", stop).on("error", stop).resume();
 
     await server.initialize();
     const addressSpace = server.engine.addressSpace;
     const namespaces = {};
-    for (const [key, build] of Object.entries(addressSpaceSections)) {
-        if (options[key]) namespaces[key] = build(addressSpace);
-    }
-    server.engine.serverDiagnosticsEnabled = options.diagnostics;
+    if (options.custom) namespaces.custom = buildCustom(addressSpace);
     await server.start();
 
     // What GetEndpoints returns. With "None" left out of securityModes node-opcua still
@@ -253,7 +217,6 @@ async function main() {
             port,
             endpoints,
             namespaces,
-            pkiDir: options.pkiDir,
             certificate: describeCertificate(server.getCertificateChain())
         }) + "\n"
     );

